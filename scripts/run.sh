@@ -1,0 +1,13 @@
+#!/usr/bin/env bash
+# Builds the agent and runs it in the foreground. When no settings file
+# exists yet it writes one that watches the "Renders" folder in your videos
+# folder with desktop notifications and sound on.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" || exit 1
+
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j "$(nproc)" --target quillon-helper
+
+exec build/bin/quillon-helper --default-settings "$@"

@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# Builds Quillon and runs every test: a plain build, then AddressSanitizer
+# with UndefinedBehaviorSanitizer, then ThreadSanitizer. The last line says
+# how many tests passed and failed over all three.
+set -uo pipefail
+cd "$(dirname "$0")/.."
+source scripts/deps.sh
+quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" "${QUILLON_TEST_PACKAGES[@]}" || exit 1
+
+JOBS=${JOBS:-$(nproc)}
+VARIANTS=${QUILLON_TEST_VARIANTS:-"plain asan tsan"}
+total_passed=0
+total_failed=0
+status=0
+
+run_variant() {
+  local name=$1 dir=$2 sanitize=$3
+  echo "=== $name build ($dir)"
+  if ! cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DQUILLON_SANITIZE="$sanitize" >"$dir.configure.log" 2>&1; then
+    tail -n 30 "$dir.configure.log"; echo "$name: configure failed"; status=1; total_failed=$((total_failed + 1)); return
+  fi
+  if ! cmake --build "$dir" -j "$JOBS" >"$dir.build.log" 2>&1; then
+    grep -E "error|Error" "$dir.build.log" | head -n 40; echo "$name: build failed"; status=1; total_failed=$((total_failed + 1)); return
+  fi
+  local log="$dir.ctest.log"
+  (cd "$dir" && ctest -j "$JOBS" --output-on-failure --timeout 600) 2>&1 | tee "$log" | grep -vE "^ +[0-9]+/[0-9]+ Test +#[0-9]+: .* Passed" || true
+  local line passed failed all
+  line=$(grep -E "tests passed, [0-9]+ tests failed out of [0-9]+" "$log" | tail -n 1)
+  if [ -z "$line" ]; then echo "$name: no test summary"; status=1; total_failed=$((total_failed + 1)); return; fi
+  failed=$(sed -E 's/.*tests passed, ([0-9]+) tests failed out of ([0-9]+).*/\1/' <<<"$line")
+  all=$(sed -E 's/.*tests passed, ([0-9]+) tests failed out of ([0-9]+).*/\2/' <<<"$line")
+  passed=$((all - failed))
+  total_passed=$((total_passed + passed))
+  total_failed=$((total_failed + failed))
+  [ "$failed" -eq 0 ] || status=1
+}
+
+for v in $VARIANTS; do
+  case $v in
+    plain) run_variant plain build "" ;;
+    asan) ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_variant "asan+ubsan" build-asan "address,undefined" ;;
+    tsan) TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" run_variant tsan build-tsan thread ;;
+  esac
+done
+
+echo "Summary: $total_passed passed, $total_failed failed"
+exit $status
