@@ -1,5 +1,6 @@
 #include "MVPlistValue.h"
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -52,6 +53,18 @@ long long leadingInteger(const std::string& s) {
   return negative ? -v : v;
 }
 
+// Leading-number reading of a real: white space, an optional sign, then a
+// decimal number. Independent of the C locale, which a toolkit may have set
+// to one with a decimal comma.
+double leadingReal(const std::string& s) {
+  std::size_t i = s.find_first_not_of(" \t\r\n");
+  if (i == std::string::npos) return 0.0;
+  if (s[i] == '+') ++i;
+  double v = 0.0;
+  auto result = std::from_chars(s.data() + i, s.data() + s.size(), v, std::chars_format::general);
+  return result.ec == std::errc() ? v : 0.0;
+}
+
 std::size_t utf16Length(const std::string& s) {
   std::size_t n = 0;
   for (std::size_t i = 0; i < s.size(); ++i) {
@@ -84,7 +97,7 @@ double MVPlistValue::doubleValue() const {
     case Type::Integer: return static_cast<double>(std::get<long long>(value_));
     case Type::Real: return std::get<double>(value_);
     case Type::Boolean: return std::get<bool>(value_) ? 1.0 : 0.0;
-    case Type::String: return std::strtod(std::get<std::string>(value_).c_str(), nullptr);
+    case Type::String: return leadingReal(std::get<std::string>(value_));
     default: return 0.0;
   }
 }
@@ -146,9 +159,10 @@ std::string MVPlistValue::description() const {
     case Type::String: return std::get<std::string>(value_);
     case Type::Integer: return std::to_string(std::get<long long>(value_));
     case Type::Real: {
+      // As "%.15g" prints it in the C locale, whatever the process locale.
       char buf[64];
-      std::snprintf(buf, sizeof buf, "%.15g", std::get<double>(value_));
-      return buf;
+      auto result = std::to_chars(buf, buf + sizeof buf, std::get<double>(value_), std::chars_format::general, 15);
+      return std::string(buf, result.ptr);
     }
     case Type::Boolean: return std::get<bool>(value_) ? "1" : "0";
     case Type::Date: return MVDateDescription(std::get<Date>(value_));

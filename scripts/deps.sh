@@ -11,7 +11,7 @@ QUILLON_BUILD_PACKAGES=(
 QUILLON_TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus dbus-daemon dbus-x11 python3-dbusmock python3-aiosmtpd
-  gnome-keyring libsecret-tools xvfb xdotool procps openssl util-linux
+  gnome-keyring libsecret-tools xvfb xdotool x11-utils libglib2.0-bin procps openssl util-linux
   clang-14 libclang-rt-14-dev
 )
 

@@ -10,4 +10,8 @@ quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" || exit 1
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j "$(nproc)" --target quillon-helper
 
+# Run as root, the agent writes its log under /var/log/Morvane, which only
+# an administrator can create.
+if [ "$(id -u)" -eq 0 ]; then mkdir -p /var/log/Morvane; fi
+
 exec build/bin/quillon-helper --default-settings "$@"

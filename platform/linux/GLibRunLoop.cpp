@@ -47,6 +47,7 @@ class GLibTimer : public MVTimer {
  public:
   GLibTimer(std::function<void()> fire, bool repeats) : fire_(std::move(fire)), repeats_(repeats) {}
   void start(std::shared_ptr<GLibTimer> self, double seconds) {
+    std::lock_guard<std::mutex> published(publish_);
     guint ms = static_cast<guint>(std::clamp(seconds, 0.0, 4.0e6) * 1000.0 + 0.5);
     GSource* source = g_timeout_source_new(ms);
     g_source_set_callback(source, &GLibTimer::dispatch, new std::shared_ptr<GLibTimer>(std::move(self)),
@@ -62,6 +63,9 @@ class GLibTimer : public MVTimer {
  private:
   static gboolean dispatch(gpointer data) {
     std::shared_ptr<GLibTimer> self = *static_cast<std::shared_ptr<GLibTimer>*>(data);
+    // The timer may have been armed on another thread; GLib's own hand-off is
+    // invisible to race detectors, this lock makes the publication explicit.
+    { std::lock_guard<std::mutex> published(self->publish_); }
     if (!self->isValid()) return G_SOURCE_REMOVE;
     if (!self->repeats_) self->state_->destroy();
     self->fire_();
@@ -70,6 +74,7 @@ class GLibTimer : public MVTimer {
 
   std::function<void()> fire_;
   bool repeats_;
+  std::mutex publish_;
   std::unique_ptr<SourceState> state_;
 };
 
@@ -77,6 +82,7 @@ class GLibIOSource : public MVIOSource {
  public:
   explicit GLibIOSource(std::function<bool(unsigned)> ready) : ready_(std::move(ready)) {}
   void start(std::shared_ptr<GLibIOSource> self, int fd, unsigned conditions) {
+    std::lock_guard<std::mutex> published(publish_);
     int gcond = 0;
     if (conditions & MVRunLoop::kReadable) gcond |= G_IO_IN | G_IO_PRI;
     if (conditions & MVRunLoop::kWritable) gcond |= G_IO_OUT;
@@ -95,6 +101,7 @@ class GLibIOSource : public MVIOSource {
  private:
   static gboolean dispatch(gint, GIOCondition condition, gpointer data) {
     std::shared_ptr<GLibIOSource> self = *static_cast<std::shared_ptr<GLibIOSource>*>(data);
+    { std::lock_guard<std::mutex> published(self->publish_); }
     if (!self->state_->isValid()) return G_SOURCE_REMOVE;
     unsigned bits = 0;
     if (condition & (G_IO_IN | G_IO_PRI)) bits |= MVRunLoop::kReadable;
@@ -107,6 +114,7 @@ class GLibIOSource : public MVIOSource {
   }
 
   std::function<bool(unsigned)> ready_;
+  std::mutex publish_;
   std::unique_ptr<SourceState> state_;
 };
 
@@ -129,14 +137,22 @@ class GLibRunLoop : public MVRunLoop {
       bool finished = false;
     };
     auto call = std::make_shared<Call>();
-    call->work = std::move(work);
+    {
+      std::lock_guard<std::mutex> lock(call->mutex);
+      call->work = std::move(work);
+    }
     GSource* source = g_idle_source_new();
     g_source_set_priority(source, G_PRIORITY_DEFAULT);
     g_source_set_callback(
         source,
         [](gpointer p) -> gboolean {
           auto c = *static_cast<std::shared_ptr<Call>*>(p);
-          c->work();
+          std::function<void()> work;
+          {
+            std::lock_guard<std::mutex> lock(c->mutex);
+            work = std::move(c->work);
+          }
+          work();
           {
             std::lock_guard<std::mutex> lock(c->mutex);
             c->finished = true;

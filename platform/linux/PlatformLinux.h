@@ -12,4 +12,12 @@ namespace quillon {
 // becomes the main thread.
 std::shared_ptr<MVRunLoop> createPlatformRunLoop();
 
+// Installs every Linux backend: file-system events (inotify), desktop
+// notifications, sounds, the workspace, the session-bus notification centre
+// and the keychain (Secret Service). Call after the run loop is installed.
+void installPlatformServices();
+
+// Drops the backends that hold bus connections, before the process exits.
+void uninstallPlatformServices();
+
 }  // namespace quillon

@@ -1,0 +1,31 @@
+// Small file-attribute readers used by the controller. None reports errors:
+// an unreadable item simply has no date, size or type.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "MVPlistValue.h"
+
+namespace quillon {
+
+std::optional<MVPlistValue::Date> fileModificationDate(const std::string& path);
+std::optional<std::uint64_t> fileSize(const std::string& path);
+bool isDirectory(const std::string& path);
+bool pathExists(const std::string& path);
+// The classic four-character type code from the "user.com.apple.FinderInfo"
+// extended attribute (bytes 0-3), where the file system carries one; 0 otherwise.
+std::uint32_t fileTypeCode(const std::string& path);
+
+std::string lastPathComponent(const std::string& path);
+std::string deletingLastPathComponent(const std::string& path);
+std::string pathExtension(const std::string& path);
+std::string deletingPathExtension(const std::string& name);
+std::string lowercase(std::string text);
+bool hasPrefix(const std::string& text, const std::string& prefix);
+bool hasSuffix(const std::string& text, const std::string& suffix);
+bool contains(const std::string& text, const std::string& part);
+std::string trimWhitespace(const std::string& text);
+
+}  // namespace quillon

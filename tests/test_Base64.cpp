@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Base64.h"
+#include "TestSupport.h"
+
+using Data = Base64Additions::Data;
+
+namespace {
+Data bytesOf(const std::string& text) { return Data(text.begin(), text.end()); }
+std::string textOf(const Data& data) { return std::string(data.begin(), data.end()); }
+}  // namespace
+
+TEST(Base64, EncodesAndDecodesTheRfc4648Vectors) {
+  const std::pair<const char*, const char*> vectors[] = {
+      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+  };
+  for (const auto& [plain, encoded] : vectors) {
+    EXPECT_EQ(Base64Additions::encodeBase64ForData(bytesOf(plain)), encoded) << plain;
+    EXPECT_EQ(textOf(Base64Additions::decodeBase64ForString(encoded)), plain) << encoded;
+  }
+}
+
+TEST(Base64, SizeEstimatesReserveALineBreakPerFullLine) {
+  const std::pair<std::size_t, std::size_t> encoded[] = {{0, 0}, {1, 4}, {3, 4}, {51, 68}, {53, 74}, {54, 74}, {55, 78}, {108, 148}};
+  for (const auto& [length, size] : encoded) EXPECT_EQ(EstimateBas64EncodedDataSize(length), size) << length;
+  const std::pair<std::size_t, std::size_t> decoded[] = {{0, 0}, {1, 3}, {4, 3}, {5, 6}, {8, 6}};
+  for (const auto& [length, size] : decoded) EXPECT_EQ(EstimateBas64DecodedDataSize(length), size) << length;
+}
+
+TEST(Base64, BufferFunctionsRefuseSmallBuffersAndReportLengths) {
+  const char input[] = "any carnal pleas";
+  char out[64] = {};
+  std::size_t size = EstimateBas64EncodedDataSize(16) - 1;
+  EXPECT_FALSE(Base64EncodeData(input, 16, out, &size, false));
+
+  // The reported length is the estimate even where fewer characters were written.
+  size = sizeof out - 1;
+  ASSERT_TRUE(Base64EncodeData(input, 16, out, &size, false));
+  EXPECT_EQ(size, EstimateBas64EncodedDataSize(16));
+  EXPECT_STREQ(out, "YW55IGNhcm5hbCBwbGVhcw==");
+
+  // Decoding fills the whole buffer with '.' and reports the bytes produced.
+  unsigned char decoded[8];
+  std::size_t decodedSize = sizeof decoded;
+  ASSERT_TRUE(Base64DecodeData("Zg==", 4, decoded, &decodedSize));
+  EXPECT_EQ(decodedSize, 1u);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(decoded), 8), "f.......");
+  decodedSize = 2;
+  EXPECT_FALSE(Base64DecodeData("Zg==", 4, decoded, &decodedSize));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(decoded), 2), "..");
+}
+
+TEST(Base64, DecodingSkipsBlanksAndForeignBytesAndStopsAtPadding) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"Zm9v\r\nYmFy", "foobar"},
+      {" Zm 9v\tYm\vFy\f", "foobar"},
+      {"Zm9v!Ym*Fy", "foobar"},
+      {"Zm9v\xC3\xA9YmFy", ""},            // not ASCII: no bytes at all
+      {"Zg==Zm9v", "f"},                    // nothing after the first '='
+      {std::string("AA\0A", 4), std::string("\0\0\0", 3)},  // NUL counts as zero
+  };
+  for (const auto& [encoded, plain] : cases)
+    EXPECT_EQ(textOf(Base64Additions::decodeBase64ForString(encoded)), plain) << encoded;
+
+  // Bytes above 127 are skipped by the buffer function.
+  unsigned char out[8];
+  std::size_t size = sizeof out;
+  ASSERT_TRUE(Base64DecodeData("Zm\xFF" "9v", 5, out, &size));
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(out), size), "foo");
+}
+
+TEST(Base64, WrapsAt72WithCrLfAndWebSafeSwapsTwoCharacters) {
+  Data bytes54(54, 'x');
+  std::string wrapped = Base64Additions::encodeWrappedBase64ForData(bytes54);
+  EXPECT_EQ(wrapped.size(), 74u);
+  EXPECT_EQ(wrapped.substr(72), "\r\n");
+  EXPECT_EQ(Base64Additions::encodeBase64ForData(bytes54).size(), 72u);
+
+  Data bytes100(100, 'y');
+  std::string twoLines = Base64Additions::encodeWrappedBase64ForData(bytes100);
+  EXPECT_EQ(twoLines.find("\r\n"), 72u);
+  EXPECT_EQ(twoLines.size(), 74u + 64u);  // the last, partial line has no break
+
+  Data awkward{0xFB, 0xFF, 0xBF, 0xFE};
+  EXPECT_EQ(Base64Additions::encodeBase64ForData(awkward), "+/+//g==");
+  EXPECT_EQ(Base64Additions::encodeWebSafeBase64ForData(awkward), "-_-__g==");
+  EXPECT_EQ(Base64Additions::decodeWebSafeBase64ForString("-_-__g=="), awkward);
+}
+
+TEST(Base64, AgreesWithCoreutilsOnRandomData) {
+  std::mt19937 random(20261123);
+  std::string dir = quillon_test::makeTempDir("base64");
+  for (std::size_t length : {1u, 2u, 53u, 54u, 55u, 1000u, 4099u}) {
+    Data data(length);
+    for (auto& b : data) b = static_cast<std::uint8_t>(random());
+    std::string path = dir + "/input.bin";
+    quillon_test::writeFile(path, textOf(data));
+
+    std::string plain = quillon_test::shellOutput("base64 -w 0 " + path);
+    EXPECT_EQ(Base64Additions::encodeBase64ForData(data), plain) << length;
+    EXPECT_EQ(Base64Additions::decodeBase64ForString(plain), data) << length;
+
+    // coreutils ends every line with LF, ours with CR LF and only full lines.
+    std::string wrapped = Base64Additions::encodeWrappedBase64ForData(data);
+    std::string asLF;
+    for (char c : wrapped)
+      if (c != '\r') asLF += c;
+    if (asLF.empty() || asLF.back() != '\n') asLF += '\n';
+    EXPECT_EQ(asLF, quillon_test::shellOutput("base64 -w 72 " + path)) << length;
+    EXPECT_EQ(Base64Additions::decodeBase64ForString(wrapped), data) << length;
+  }
+}

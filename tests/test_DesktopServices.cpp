@@ -1,0 +1,414 @@
+// The Linux desktop services against real peers: a private session bus, a
+// mocked notification server and file manager (python3-dbusmock), GIO
+// applications registered in the test home, libcanberra and X11.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <atomic>
+#include <filesystem>
+#include <sstream>
+#include <thread>
+
+#include "DesktopServices.h"
+#include "MVDistributedNotificationCenter.h"
+#include "MVGrowl.h"
+#include "MVLocalPaths.h"
+#include "MVLog.h"
+#include "MVNotificationCenter.h"
+#include "MVPropertyList.h"
+#include "MVResources.h"
+#include "MVRunLoop.h"
+#include "MVSound.h"
+#include "MVWorkspace.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+
+namespace {
+
+const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/dbus";
+
+pid_t startInBackground(const std::string& command) {
+  return static_cast<pid_t>(std::stol(shellOutput(command + " >/dev/null 2>&1 & echo $!")));
+}
+
+bool nameHasOwner(const std::string& name) {
+  return shellOutput("dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+                     "org.freedesktop.DBus.NameHasOwner string:" + name + " 2>&1")
+             .find("boolean true") != std::string::npos;
+}
+
+std::size_t logLinesContaining(const std::string& text) {
+  MVLog::finishWriting();
+  std::istringstream lines(readFile(MVLog::currentLogPath()));
+  std::size_t count = 0;
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(text) != std::string::npos) ++count;
+  return count;
+}
+
+// A shell script that appends its first argument to `output`, one line per run.
+std::string makeRecorder(const std::string& output) {
+  std::string script = makeTempDir("recorder") + "/record.sh";
+  writeFile(script, "#!/bin/sh\necho \"$1\" >> '" + output + "'\n");
+  std::filesystem::permissions(script, std::filesystem::perms::owner_all);
+  return script;
+}
+
+bool fileHasLine(const std::string& path, const std::string& line) {
+  std::istringstream lines(readFile(path));
+  for (std::string l; std::getline(lines, l);)
+    if (l == line) return true;
+  return false;
+}
+
+// One private session bus for the whole test process, and the desktop
+// services installed on it. The test home gets a recorder application that
+// is the default for text files and folders, so opening can be observed.
+class Desktop {
+ public:
+  static Desktop& shared() {
+    static Desktop desktop;
+    return desktop;
+  }
+  ~Desktop() {
+    if (busPid_ > 0) kill(busPid_, SIGTERM);
+  }
+
+  std::string opened;  // the recorder's output file
+  std::string recorder;
+
+ private:
+  Desktop() {
+    opened = testHome() + "/opened.txt";
+    recorder = makeRecorder(opened);
+    writeFile(testHome() + "/.local/share/applications/quillon-recorder.desktop",
+              "[Desktop Entry]\nType=Application\nName=Quillon Test Recorder\nExec=" + recorder +
+                  " %f\nMimeType=text/plain;inode/directory;\n");
+    writeFile(testHome() + "/.config/mimeapps.list",
+              "[Default Applications]\ntext/plain=quillon-recorder.desktop\ninode/directory=quillon-recorder.desktop\n");
+
+    std::istringstream out(shellOutput(kScripts + "/session-bus.sh"));
+    std::string address;
+    std::getline(out, address);
+    out >> busPid_;
+    setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
+    setenv("QUILLON_RESOURCES", (std::string(QUILLON_SOURCE_DIR) + "/resources").c_str(), 1);
+    // The log of this process belongs in the test home, even as root.
+    MVLog::overrideRunningAsRoot(false);
+    MVLog::createNewLog("test_DesktopServices", true);
+    quillon::installDesktopServices();
+  }
+  pid_t busPid_ = 0;
+};
+
+// A dbusmock service for one test, its calls logged to `calls`.
+class Mock {
+ public:
+  Mock(const std::string& busName, const std::string& templateName) : busName_(busName) {
+    calls = makeTempDir("mock") + "/calls.log";
+    pid_ = startInBackground("/usr/bin/python3 -m dbusmock --template " + templateName + " -l " + calls);
+    started = waitUntil([&] { return nameHasOwner(busName_); }, 20);
+  }
+  ~Mock() { stop(); }
+  void stop() {
+    if (pid_ > 0) kill(pid_, SIGTERM);
+    pid_ = 0;
+    waitUntil([&] { return !nameHasOwner(busName_); }, 10);
+  }
+  std::size_t callsContaining(const std::string& text) const {
+    std::istringstream lines(readFile(calls));
+    std::size_t count = 0;
+    for (std::string line; std::getline(lines, line);)
+      if (line.find(text) != std::string::npos) ++count;
+    return count;
+  }
+
+  std::string calls;
+  bool started = false;
+
+ private:
+  std::string busName_;
+  pid_t pid_ = 0;
+};
+
+class DesktopServices : public ::testing::Test {
+ protected:
+  void SetUp() override { Desktop::shared(); }
+};
+
+struct Received {
+  std::string name;
+  MVPlistValue object, userInfo;
+  bool onMainThread;
+};
+
+TEST_F(DesktopServices, DistributedNotificationsTravelOverTheSessionBus) {
+  std::vector<Received> got;
+  int others = 0;
+  auto record = [&](const std::string& name, const MVPlistValue& object, const MVPlistValue& userInfo) {
+    got.push_back({name, object, userInfo, MVRunLoop::main().isMainThread()});
+  };
+  auto& center = MVDistributedNotificationCenter::defaultCenter();
+  MVObserverToken token = center.addObserver("MVQuillonConfigUpdate", record);
+  MVObserverToken other = center.addObserver("QmasterAdUpdateNotification",
+                                             [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++others; });
+
+  MVPlistValue info;
+  info.set("advertisement", "<ad/>");
+  info.set("count", 3);
+  center.postNotification("MVQuillonConfigUpdate", "sender", info);
+  ASSERT_TRUE(waitUntil([&] { return got.size() == 1; }, 10));
+  EXPECT_EQ(got[0].name, "MVQuillonConfigUpdate");
+  EXPECT_EQ(got[0].object, MVPlistValue("sender"));
+  EXPECT_EQ(got[0].userInfo["advertisement"], MVPlistValue("<ad/>"));
+  EXPECT_EQ(got[0].userInfo["count"], MVPlistValue("3"));
+  EXPECT_TRUE(got[0].onMainThread);
+
+  // As the preferences application sends it, from another process; and
+  // posted from a worker thread. Both arrive on the main thread.
+  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
+                  "dict:string:string:"),
+            0);
+  ASSERT_TRUE(waitUntil([&] { return got.size() == 2; }, 10));
+  EXPECT_TRUE(got[1].object.isNil());
+  EXPECT_EQ(got[1].userInfo.count(), 0u);
+  std::thread([&] { center.postNotification("MVQuillonConfigUpdate"); }).join();
+  ASSERT_TRUE(waitUntil([&] { return got.size() == 3; }, 10));
+  EXPECT_TRUE(got[2].onMainThread);
+
+  // Wrong shape or wrong interface: ignored. A dropped token: nothing more.
+  shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+        "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate");
+  shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+        "com.example.Other.Notification string:MVQuillonConfigUpdate string: dict:string:string:");
+  token.invalidate();
+  center.postNotification("MVQuillonConfigUpdate");
+  center.postNotification("QmasterAdUpdateNotification");
+  ASSERT_TRUE(waitUntil([&] { return others == 1; }, 10));
+  MVRunLoop::main().runFor(0.3);
+  EXPECT_EQ(got.size(), 3u);
+}
+
+TEST_F(DesktopServices, DesktopNotificationsGoToTheNotificationServer) {
+  Mock server("org.freedesktop.Notifications", "notification_daemon");
+  ASSERT_TRUE(server.started);
+  std::filesystem::remove(MVGlobalPreferences::path());
+
+  std::vector<MVPlistValue> clicks;
+  MVObserverToken token = MVNotificationCenter::defaultCenter().addObserver(
+      "MVGrowlAlertClicked",
+      [&](const std::string&, const MVPlistValue&, const MVPlistValue& userInfo) { clicks.push_back(userInfo); });
+
+  std::string icon = MVResources::pathForImageResource("Avid.icns");
+  ASSERT_FALSE(icon.empty());
+  MVGrowl::postGrowlNotification("Render Complete", "File: take 1.mov", icon, "Avid Media Composer Render Complete");
+  MVGrowl::postGrowlNotification("Render Failed", "Batch: nightly", "/no/such/icon.png", "Render Failed",
+                                 MVPlistValue());
+  MVGrowl::postGrowlNotification("Render Complete", "Project: theme", "folder", "Final Cut Pro Render Complete");
+  ASSERT_TRUE(waitUntil([&] { return server.callsContaining("Notify ") == 3; }, 10)) << readFile(server.calls);
+
+  // Ids 1 to 3 in order. Only a notification with a click context offers the click.
+  EXPECT_EQ(server.callsContaining("Notify \"Quillon\" 0 \"file://" + icon +
+                                   "\" \"Render Complete\" \"File: take 1.mov\" [\"default\", \"Show\"] "
+                                   "{\"suppress-sound\": True} -1"),
+            1u)
+      << readFile(server.calls);
+  EXPECT_EQ(server.callsContaining("Notify \"Quillon\" 0 \"\" \"Render Failed\" \"Batch: nightly\" [] "), 1u);
+  EXPECT_EQ(server.callsContaining("Notify \"Quillon\" 0 \"folder\" \"Render Complete\""), 1u);
+
+  auto click = [](int id, const std::string& action) {
+    return shell("gdbus call --session --dest org.freedesktop.Notifications --object-path "
+                 "/org/freedesktop/Notifications --method org.freedesktop.DBus.Mock.EmitSignal '' ActionInvoked us "
+                 "\"[<uint32 " + std::to_string(id) + ">, <'" + action + "'>]\" >/dev/null");
+  };
+  ASSERT_EQ(click(2, "default"), 0);   // no click context: ignored
+  ASSERT_EQ(click(1, "other"), 0);     // not the bubble itself
+  ASSERT_EQ(click(99, "default"), 0);  // not ours
+  ASSERT_EQ(click(3, "default"), 0);
+  ASSERT_TRUE(waitUntil([&] { return clicks.size() == 1; }, 10));
+  EXPECT_TRUE(clicks[0]["clickContext"].isDate());
+  ASSERT_EQ(click(1, "default"), 0);
+  ASSERT_TRUE(waitUntil([&] { return clicks.size() == 2; }, 10));
+  MVRunLoop::main().runFor(0.3);
+  EXPECT_EQ(clicks.size(), 2u);
+
+  // The switch holds back the notification; removing it lets the next through.
+  MVPlistValue prefs;
+  prefs.set("growlDisabled", true);
+  ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), prefs));
+  MVGrowl::postGrowlNotification("Render Complete", "suppressed", "", "");
+  std::filesystem::remove(MVGlobalPreferences::path());
+  // This server reads the body as markup: a file name shows as typed.
+  MVGrowl::postGrowlNotification("Render Complete", "after: Tom & Jerry <cut>.mov", "", "");
+  ASSERT_TRUE(waitUntil([&] { return server.callsContaining("\"after: Tom &amp; Jerry &lt;cut&gt;.mov\"") == 1; }, 10));
+  EXPECT_EQ(server.callsContaining("suppressed"), 0u);
+
+  // No server: one log line for any number of notifications, and no crash.
+  server.stop();
+  const std::string complaint = "Desktop notification not shown: no notification server";
+  std::size_t before = logLinesContaining(complaint);
+  MVGrowl::postGrowlNotification("Render Complete", "lost 1");
+  MVGrowl::postGrowlNotification("Render Complete", "lost 2");
+  ASSERT_TRUE(waitUntil([&] { return logLinesContaining(complaint) > before; }, 10));
+  MVRunLoop::main().runFor(0.5);
+  EXPECT_EQ(logLinesContaining(complaint), before + 1);
+}
+
+TEST_F(DesktopServices, SoundFinishesExactlyOnceOnTheMainThread) {
+  // Whether this machine has an audio device or not, each play reports once.
+  std::atomic<int> finished{0};
+  std::atomic<bool> allOnMain{true};
+  auto done = [&](bool) {
+    allOnMain = allOnMain && MVRunLoop::main().isMainThread();
+    ++finished;
+  };
+  MVSound::play("Glass", done);
+  MVSound::play("Sosumi", done);
+  std::thread([&] { MVSound::play("Glass", done); }).join();
+  MVSound::play("no-such-sound-event", done);
+  ASSERT_TRUE(waitUntil([&] { return finished == 4; }, 30));
+  MVRunLoop::main().runFor(0.5);
+  EXPECT_EQ(finished.load(), 4);
+  EXPECT_TRUE(allOnMain.load());
+}
+
+TEST_F(DesktopServices, RevealAsksTheFileManagerElseOpensTheFolder) {
+  Mock fileManager("org.freedesktop.FileManager1", kScripts + "/filemanager1.py");
+  ASSERT_TRUE(fileManager.started);
+  std::string folder = makeTempDir("renders");
+  std::string file = folder + "/final cut.mov";
+  writeFile(file, "x");
+
+  EXPECT_TRUE(MVWorkspace::revealFile(file));
+  ASSERT_TRUE(waitUntil([&] { return fileManager.callsContaining("ShowItems") == 1; }, 10));
+  EXPECT_EQ(fileManager.callsContaining("ShowItems [\"file://" + folder + "/final%20cut.mov\"] \"\""), 1u)
+      << readFile(fileManager.calls);
+  EXPECT_FALSE(MVWorkspace::revealFile(folder + "/missing.mov"));
+
+  // Without a file manager the folder opens in its default application.
+  fileManager.stop();
+  EXPECT_TRUE(MVWorkspace::revealFile(file));
+  EXPECT_TRUE(waitUntil([&] { return fileHasLine(Desktop::shared().opened, folder); }, 10));
+}
+
+TEST_F(DesktopServices, OpenFileWithDefaultNamedOrGivenApplication) {
+  const std::string& opened = Desktop::shared().opened;
+  std::string folder = makeTempDir("open");
+  struct Case {
+    std::string application;  // how the user named the application
+    std::string file;
+  };
+  const Case cases[] = {
+      {"", folder + "/default.txt"},                                     // the type's default
+      {"Quillon Test Recorder", folder + "/by name.txt"},                 // an installed application's name
+      {"quillon-recorder.desktop", folder + "/by id.txt"},                // a desktop id
+      {testHome() + "/.local/share/applications/quillon-recorder.desktop", folder + "/by file.txt"},
+      {"QuickTime Player", folder + "/mac name.txt"},                     // not here: the default instead
+  };
+  for (const Case& c : cases) {
+    writeFile(c.file, "text");
+    EXPECT_TRUE(MVWorkspace::openFile(c.file, c.application)) << c.application;
+    EXPECT_TRUE(waitUntil([&] { return fileHasLine(opened, c.file); }, 10)) << c.application;
+  }
+
+  // An executable gets the path as its one argument.
+  std::string own = testHome() + "/own-app.txt";
+  std::string app = makeRecorder(own);
+  std::string movie = folder + "/clip.mxf";
+  writeFile(movie, "data");
+  EXPECT_TRUE(MVWorkspace::openFile(movie, app));
+  EXPECT_TRUE(waitUntil([&] { return fileHasLine(own, movie); }, 10));
+
+  EXPECT_FALSE(MVWorkspace::openFile(folder + "/missing.txt", app));
+  EXPECT_FALSE(MVWorkspace::openFile(movie, folder + "/not-an-app"));
+  EXPECT_FALSE(MVWorkspace::openFile(movie, "no-such-thing.desktop"));
+  EXPECT_EQ(MVWorkspace::iconForFile(folder), "inode-directory");
+}
+
+TEST_F(DesktopServices, FrontmostApplicationComesFromX11OrIsUnknown) {
+  std::string saved = getenv("DISPLAY") ? getenv("DISPLAY") : "";
+  unsetenv("DISPLAY");
+  EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "");
+  setenv("DISPLAY", ":987654", 1);  // no such server
+  EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "");
+
+  // Under Xvfb (kept from resetting between clients), the process named by
+  // the active window's _NET_WM_PID.
+  pid_t xvfb = startInBackground("Xvfb :87 -nolisten tcp -noreset");
+  setenv("DISPLAY", ":87", 1);
+  if (waitUntil([] { return shell("xprop -root >/dev/null 2>&1") == 0; }, 10)) {
+    shell("xprop -root -f _NET_WM_PID 32c -set _NET_WM_PID " + std::to_string(getpid()));
+    shell("xprop -root -f _NET_ACTIVE_WINDOW 32x -set _NET_ACTIVE_WINDOW "
+          "$(xwininfo -root | awk '/Window id/{print $4}')");
+    std::string comm = readFile("/proc/self/comm");
+    comm.erase(comm.find_last_not_of('\n') + 1);
+    EXPECT_EQ(MVWorkspace::frontmostApplicationName(), comm);
+
+    // A real window answers with its WM_CLASS class.
+    pid_t message = startInBackground("xmessage -name quillon-test front");
+    std::string window;
+    waitUntil([&] {
+      window = shellOutput("xdotool search --classname quillon-test 2>/dev/null | head -1");
+      return !window.empty();
+    }, 10);
+    EXPECT_FALSE(window.empty());
+    if (!window.empty()) shell("xprop -root -f _NET_ACTIVE_WINDOW 32x -set _NET_ACTIVE_WINDOW " + window);
+    EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "Xmessage");
+    kill(message, SIGTERM);
+  }
+  kill(xvfb, SIGTERM);
+
+  setenv("XDG_SESSION_TYPE", "wayland", 1);
+  EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "");
+  unsetenv("XDG_SESSION_TYPE");
+  if (saved.empty())
+    unsetenv("DISPLAY");
+  else
+    setenv("DISPLAY", saved.c_str(), 1);
+}
+
+TEST_F(DesktopServices, BundlesAreFoundByIdentifierInTheApplicationsFolders) {
+  std::string apps = MVLocalPaths::applicationDirectory(true);
+  auto bundle = [&](const std::string& name, const std::string& identifier) {
+    MVPlistValue info;
+    info.set("CFBundleIdentifier", identifier);
+    std::filesystem::create_directories(apps + "/" + name + "/Contents");
+    ASSERT_TRUE(MVPropertyList::write(apps + "/" + name + "/Contents/Info.plist", info));
+  };
+  bundle("Compressor.app", "com.apple.Compressor");
+  bundle("Batch Monitor.app", "com.apple.BatchMonitor");
+  bundle("Impostor.txt", "com.apple.Qmaster");  // not a bundle
+  EXPECT_EQ(MVWorkspace::pathForAppWithBundleID("com.apple.BatchMonitor"), apps + "/Batch Monitor.app");
+  EXPECT_EQ(MVWorkspace::pathForAppWithBundleID("com.apple.Compressor"), apps + "/Compressor.app");
+  EXPECT_EQ(MVWorkspace::pathForAppWithBundleID("com.apple.compressor"), "");
+  EXPECT_EQ(MVWorkspace::pathForAppWithBundleID("com.apple.Qmaster"), "");
+  EXPECT_EQ(MVWorkspace::pathForAppWithBundleID(""), "");
+}
+
+TEST_F(DesktopServices, WithoutASessionBusEverythingStaysQuiet) {
+  std::string saved = getenv("DBUS_SESSION_BUS_ADDRESS");
+  setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillon-bus", 1);
+  std::size_t before = logLinesContaining("No session bus at unix:path=/nonexistent/quillon-bus");
+
+  int calls = 0;
+  MVObserverToken token = MVDistributedNotificationCenter::defaultCenter().addObserver(
+      "MVQuillonConfigUpdate", [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++calls; });
+  MVDistributedNotificationCenter::defaultCenter().postNotification("MVQuillonConfigUpdate");
+  MVGrowl::postGrowlNotification("Render Complete", "nowhere");
+  MVRunLoop::main().runFor(0.5);
+  EXPECT_EQ(calls, 0);
+  EXPECT_EQ(logLinesContaining("No session bus at unix:path=/nonexistent/quillon-bus"), before + 1)
+      << MVLog::currentLogPath() << ": " << readFile(MVLog::currentLogPath());
+
+  // The bus comes back: observers added before it work again.
+  setenv("DBUS_SESSION_BUS_ADDRESS", saved.c_str(), 1);
+  MVObserverToken again = MVDistributedNotificationCenter::defaultCenter().addObserver(
+      "other", [](const std::string&, const MVPlistValue&, const MVPlistValue&) {});
+  MVRunLoop::main().runFor(0.2);
+  MVDistributedNotificationCenter::defaultCenter().postNotification("MVQuillonConfigUpdate");
+  EXPECT_TRUE(waitUntil([&] { return calls == 1; }, 10));
+}
+
+}  // namespace

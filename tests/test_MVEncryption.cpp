@@ -1,0 +1,132 @@
+// MVEncryption against independent references: the FIPS-197 AES-256 example
+// and the openssl command-line tool.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+#include <vector>
+
+#include "MVEncryption.h"
+#include "TestSupport.h"
+
+namespace {
+
+using Data = MVEncryption::Data;
+
+Data bytesOf(const std::string& text) { return Data(text.begin(), text.end()); }
+std::string textOf(const Data& data) { return std::string(data.begin(), data.end()); }
+
+std::string hexOf(std::span<const std::uint8_t> bytes) {
+  static const char* digits = "0123456789abcdef";
+  std::string hex;
+  for (auto byte : bytes) {
+    hex += digits[byte >> 4];
+    hex += digits[byte & 15];
+  }
+  return hex;
+}
+
+Data fromHex(const std::string& hex) {
+  Data bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(static_cast<std::uint8_t>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  return bytes;
+}
+
+// `openssl enc` in raw ECB mode on `plaintext` (whose length must be a
+// multiple of 16) with the given key, as lowercase hex.
+std::string opensslEncryptHex(const std::string& plaintext, std::span<const std::uint8_t> key) {
+  std::string file = quillon_test::makeTempDir("aes") + "/plain";
+  quillon_test::writeFile(file, plaintext);
+  return quillon_test::shellOutput("openssl enc -aes-256-ecb -nopad -K " + hexOf(key) + " -in " + file +
+                                   " | od -An -v -tx1 | tr -d ' \\n'");
+}
+
+TEST(MVEncryptionTest, BlockFunctionMatchesFips197Example) {
+  const Data key = fromHex("000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f");
+  const Data plaintext = fromHex("00112233445566778899aabbccddeeff");
+  std::uint8_t block[16];
+
+  MVAESKeySchedule encryption;
+  ASSERT_EQ(rijndaelSetupEncrypt(encryption, key, 256), 14);
+  ASSERT_TRUE(rijndaelEncrypt(encryption, plaintext.data(), block));
+  EXPECT_EQ(hexOf(block), "8ea2b7ca516745bfeafc49904b496089");
+
+  MVAESKeySchedule decryption;
+  ASSERT_EQ(rijndaelSetupDecrypt(decryption, key, 256), 14);
+  ASSERT_TRUE(rijndaelDecrypt(decryption, block, block));  // in place
+  EXPECT_EQ(hexOf(block), "00112233445566778899aabbccddeeff");
+
+  // A schedule works in the direction it was set up for only, and a key
+  // shorter than its stated size is refused.
+  EXPECT_FALSE(rijndaelDecrypt(encryption, block, block));
+  MVAESKeySchedule refused;
+  EXPECT_EQ(rijndaelSetupEncrypt(refused, std::span(key).first(16), 256), 0);
+  EXPECT_EQ(rijndaelSetupEncrypt(refused, key, 100), 0);
+  EXPECT_FALSE(rijndaelEncrypt(refused, plaintext.data(), block));
+  EXPECT_EQ(rijndaelSetupEncrypt(refused, std::span(key).first(16), 128), 10);
+}
+
+TEST(MVEncryptionTest, EncryptsLikeOpensslWithSpacePaddingAndTheKeyRule) {
+  const std::string number = "+1 (555) 010-0000";  // 17 bytes: a full block and one byte
+  const auto key = MVEncryption::keyFromPassphrase(MVEncryption::kTextMessagePassphrase);
+  EXPECT_EQ(hexOf(std::span(key).first(20)), hexOf(bytesOf(std::string(MVEncryption::kTextMessagePassphrase))));
+  EXPECT_TRUE(std::all_of(key.begin() + 20, key.end(), [](auto b) { return b == 0; }));
+
+  Data encrypted = MVEncryption::AESEncryptData(bytesOf(number), MVEncryption::kTextMessagePassphrase);
+  ASSERT_EQ(encrypted.size(), 32u);
+  EXPECT_EQ(hexOf(encrypted), opensslEncryptHex(number + std::string(15, ' '), key));
+
+  // Short passphrases continue with zero bytes; long ones are cut at 32.
+  struct Case { std::string passphrase; std::string keyHex; };
+  const Case cases[] = {
+      {"abc", "616263" + std::string(58, '0')},
+      {"", std::string(64, '0')},
+      {std::string(32, 'k') + "ignored", hexOf(bytesOf(std::string(32, 'k')))},
+      {"clé", "636cc3a9" + std::string(56, '0')},  // counted in UTF-8 bytes
+  };
+  const std::string block = "0123456789abcdef";
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.passphrase);
+    EXPECT_EQ(hexOf(MVEncryption::keyFromPassphrase(c.passphrase)), c.keyHex);
+    EXPECT_EQ(hexOf(MVEncryption::AESEncryptData(bytesOf(block), c.passphrase)),
+              opensslEncryptHex(block, fromHex(c.keyHex)));
+  }
+}
+
+TEST(MVEncryptionTest, BlockLayoutAndRoundTrip) {
+  const auto passphrase = MVEncryption::kTextMessagePassphrase;
+  EXPECT_TRUE(MVEncryption::AESEncryptData({}, passphrase).empty());
+  EXPECT_TRUE(MVEncryption::AESDecryptData({}, passphrase).empty());
+
+  // Whole blocks get no extra block; ECB encrypts equal blocks equally.
+  Data sixteen = MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOP"), passphrase);
+  EXPECT_EQ(sixteen.size(), 16u);
+  Data twice = MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOPABCDEFGHIJKLMNOP"), passphrase);
+  ASSERT_EQ(twice.size(), 32u);
+  EXPECT_EQ(Data(twice.begin(), twice.begin() + 16), sixteen);
+  EXPECT_EQ(Data(twice.begin() + 16, twice.end()), sixteen);
+
+  // The 17th byte comes back in a block of its own, padded with spaces that
+  // decryption leaves in place.
+  Data seventeen = MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOPQ"), passphrase);
+  ASSERT_EQ(seventeen.size(), 32u);
+  EXPECT_EQ(textOf(MVEncryption::AESDecryptData(seventeen, passphrase)), "ABCDEFGHIJKLMNOPQ" + std::string(15, ' '));
+
+  // The stored telephone number decrypts to text whose digits are the address.
+  Data stored = MVEncryption::AESEncryptData(bytesOf("+1 (555) 010-0000"), passphrase);
+  std::string digits;
+  for (char c : textOf(MVEncryption::AESDecryptData(stored, passphrase)))
+    if (std::isdigit(static_cast<unsigned char>(c))) digits += c;
+  EXPECT_EQ(digits, "15550100000");
+
+  // A wrong passphrase gives other bytes, and a cut-off final block is still
+  // decrypted as a whole block instead of being dropped or read past.
+  EXPECT_NE(textOf(MVEncryption::AESDecryptData(stored, "another passphrase")).substr(0, 17), "+1 (555) 010-0000");
+  Data truncated(stored.begin(), stored.begin() + 20);
+  Data decrypted = MVEncryption::AESDecryptData(truncated, passphrase);
+  ASSERT_EQ(decrypted.size(), 32u);
+  EXPECT_EQ(textOf(decrypted).substr(0, 16), "+1 (555) 010-000");
+}
+
+}  // namespace

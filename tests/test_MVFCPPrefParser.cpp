@@ -1,0 +1,299 @@
+// Final Cut's scratch locations read from hand-made binary preference files:
+// length-prefixed keys and values, binary noise, boot and other volumes,
+// files too short to scan, the defaults ladder, and the cache that spares
+// the scan while the file is unchanged.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "MVFCPPrefParser.h"
+#include "MVLocalPaths.h"
+#include "MVPropertyList.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string pascal(const std::string& s) { return std::string(1, static_cast<char>(s.size())) + s; }
+
+// Bytes that are neither printable nor NUL, as binary fields are.
+const std::string kGap = "\x01\x02\x83\x04\xfe\x06\x17\x08";
+
+// A key with its value as the preference file stores them: a few binary
+// bytes after the key, the value as a Pascal string padded with NULs.
+std::string entry(const std::string& key, const std::string& value) {
+  return pascal(key) + kGap + pascal(value) + std::string(4, '\0') + kGap;
+}
+
+std::string noise(std::size_t length, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(length, '\0');
+  for (char& c : bytes) c = static_cast<char>(random() & 0xFF);
+  return bytes;
+}
+
+std::string prefsFile(const std::string& contents) {
+  std::string path = makeTempDir("fcp") + "/Final Cut Pro 7.0 Prefs.fcset";
+  writeFile(path, contents);
+  return path;
+}
+
+std::string documents(const std::string& rest) { return MVLocalPaths::documentDirectory(true) + "/" + rest; }
+
+class MVFCPPrefParserTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MVFCPPrefParser::setBootVolumeNameForTesting(std::optional<std::string>("Macintosh HD"));
+    std::error_code ec;
+    fs::remove(MVFCPPrefParser::cacheFilePath(), ec);
+  }
+  void TearDown() override {
+    MVFCPPrefParser::setBootVolumeNameForTesting(std::nullopt);
+    MVFCPPrefParser::setApplicationsFolderForTesting(std::nullopt);
+  }
+
+  MVFCPPrefParser parserFor(const std::string& path, const MVFCPPrefParser::TypeList& types = std::nullopt) {
+    MVFCPPrefParser parser;
+    parser.setPreferenceFilePath(path);
+    parser.loadDataForTypes(types);
+    return parser;
+  }
+};
+
+}  // namespace
+
+TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
+  const std::string longRender = "Media:Renders:Documentary Project 2024";  // its length byte is printable
+  ASSERT_GE(longRender.size(), 32u);
+  std::string file = noise(300, 1) + kGap + entry("render", longRender) + noise(40, 2) + kGap +
+                     entry("audiorender", "Media:Renders:Audio Render Files") +
+                     entry("capture", "Macintosh HD:Users:ann:Capture") + entry("audiocapture", "NoColonValue") +
+                     entry("scratch", "Macintosh HD:Users:ann:Scratch") + entry("waveform", "Media:Cache") +
+                     noise(500, 3) + kGap + entry("thumbnail", "Media:Cache:Thumbnail Cache Files") +
+                     entry("searchLocations", "Media:Searched:Here") + entry("autoSaveVault", "Backup:Vault") +
+                     noise(64, 4);
+  MVFCPPrefParser parser = parserFor(prefsFile(file));
+
+  EXPECT_EQ(parser.renderPath(), "/Volumes/Media/Renders/Documentary Project 2024/Render Files");
+  EXPECT_EQ(parser.audioRenderPath(), "/Volumes/Media/Renders/Audio Render Files");
+  EXPECT_EQ(parser.captureScratchPath(), "/Users/ann/Capture/Capture Scratch");
+  EXPECT_EQ(parser.audioCaptureScratchPath(), "/Users/ann/Capture/Capture Scratch");  // no path: copied
+  EXPECT_EQ(parser.scratchPath(), "/Users/ann/Scratch");
+  EXPECT_EQ(parser.waveformCachePath(), "/Volumes/Media/Cache/Waveform Cache Files");
+  EXPECT_EQ(parser.thumbnailCachePath(), "/Volumes/Media/Cache/Thumbnail Cache Files");
+  EXPECT_EQ(parser.autosavePath(), "/Volumes/Backup/Vault/Autosave Vault");
+  EXPECT_TRUE(parser.dataIsLoaded());
+
+  MVPlistValue cache = MVPropertyList::read(MVFCPPrefParser::cacheFilePath());
+  const MVPlistValue& cached = cache["Final Cut Pro"];
+  EXPECT_EQ(cached["render"], MVPlistValue("/Volumes/Media/Renders/Documentary Project 2024/Render Files"));
+  EXPECT_EQ(cached["autosaveVault"], MVPlistValue("/Volumes/Backup/Vault/Autosave Vault"));
+  EXPECT_TRUE(cached["modDate"].isDate());
+}
+
+TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
+  std::string file = noise(32, 5) + kGap + entry("render", "Media:Renders:Proj") +
+                     entry("capture", "Media:Captured:Here") + entry("scratch", "Media:Scratch:Disk") + noise(32, 6);
+  MVFCPPrefParser parser = parserFor(prefsFile(file), std::vector<std::string>{"render"});
+  EXPECT_EQ(parser.renderPath(), "/Volumes/Media/Renders/Proj/Render Files");
+  // Capture and scratch were never read: they come from the defaults.
+  EXPECT_EQ(parser.scratchPath(), documents("Final Cut Pro Documents"));
+  EXPECT_EQ(parser.captureScratchPath(), documents("Final Cut Pro Documents/Capture Scratch"));
+
+  // The cache is keyed by date alone, and this second file has the same one.
+  fs::remove(MVFCPPrefParser::cacheFilePath());
+  MVFCPPrefParser all = parserFor(prefsFile(file), std::vector<std::string>{"render", "capture", "scratch"});
+  EXPECT_EQ(all.scratchPath(), "/Volumes/Media/Scratch/Disk");
+  EXPECT_EQ(all.captureScratchPath(), "/Volumes/Media/Captured/Here/Capture Scratch");
+}
+
+TEST_F(MVFCPPrefParserTest, FilesTooShortToScan) {
+  struct Case {
+    std::size_t length;
+    bool defaultsApplied;
+  };
+  for (const Case& c : {Case{0, false}, Case{15, false}, Case{16, true}, Case{17, true}}) {
+    fs::remove(MVFCPPrefParser::cacheFilePath());
+    std::string contents = (pascal("render") + kGap + "Media:X:Y").substr(0, c.length);
+    contents.resize(c.length, '\x01');
+    testing::internal::CaptureStderr();
+    MVFCPPrefParser parser = parserFor(prefsFile(contents));
+    std::string console = testing::internal::GetCapturedStderr();
+    if (c.defaultsApplied) {
+      EXPECT_EQ(parser.renderPath(), documents("Final Cut Pro Documents/Render Files")) << c.length;
+      EXPECT_TRUE(fs::exists(MVFCPPrefParser::cacheFilePath())) << c.length;
+    } else {
+      EXPECT_EQ(parser.renderPath(), std::nullopt) << c.length;
+      EXPECT_EQ(parser.autosavePath(), std::nullopt) << c.length;
+      EXPECT_FALSE(fs::exists(MVFCPPrefParser::cacheFilePath())) << c.length;
+      EXPECT_NE(console.find("too short"), std::string::npos) << console;
+    }
+  }
+}
+
+TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
+  std::string path = prefsFile(noise(20, 7) + kGap + entry("render", "Media:Renders:First") + noise(20, 8));
+  EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
+  auto written = fs::last_write_time(path);
+
+  // New content with the old date: the cache answers, so the file was not read.
+  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + noise(20, 10));
+  fs::last_write_time(path, written);
+  EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
+
+  // Even garbage is not looked at while the date holds.
+  writeFile(path, "garbage");
+  fs::last_write_time(path, written);
+  EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
+
+  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + noise(20, 10));
+  fs::last_write_time(path, written + std::chrono::seconds(5));
+  EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/Second/Render Files");
+
+  // The cache keeps only the application read last.
+  MVFCPPrefParser express = MVFCPPrefParser::initWithFinalCutExpress();
+  express.setPreferenceFilePath(path);
+  express.loadData();
+  EXPECT_EQ(express.scratchPath(), documents("Final Cut Express Documents"));
+  MVPlistValue cache = MVPropertyList::read(MVFCPPrefParser::cacheFilePath());
+  EXPECT_TRUE(cache["Final Cut Express"].isDictionary());
+  EXPECT_TRUE(cache["Final Cut Pro"].isNil());
+}
+
+TEST_F(MVFCPPrefParserTest, ClassicPathsAndKeys) {
+  MVFCPPrefParser parser;
+  const std::pair<std::string, std::string> paths[] = {
+      {"\x12Media:Renders:Proj", "/Volumes/Media/Renders/Proj"},
+      {"Macintosh HD:Users:ann:Render Files", "/Users/ann/Render Files"},
+      {std::string("\0\0Media:FCP\0\0", 13), "/Volumes/Media/FCP"},
+      {std::string("Media\0\0:FCP", 11), "/Volumes/Media/FCP"},
+      {"Media:FCP", "/Volumes/Media/FCP"},
+  };
+  for (const auto& [classic, slash] : paths) EXPECT_EQ(parser.formatPath(classic), slash) << classic;
+
+  parser.setPathForKey(std::string("render\0\0\x01", 9), {"junk", "Media:FCP:Render Files", "Media:Other"});
+  EXPECT_EQ(parser.renderPath(), "/Volumes/Media/FCP/Render Files");
+  parser.setPathForKey("capture", {"nocolon", ":leading", "trailing:"});
+  EXPECT_EQ(parser.captureScratchPath(), std::nullopt);
+  parser.setPathForKey("autosaveVault", {"Media:Vault"});  // the key is case-sensitive
+  parser.setPathForKey("searchLocations", {"Media:Search"});
+  EXPECT_EQ(parser.autosavePath(), std::nullopt);
+  parser.setPathForKey("scratch", {"Media:Scratch"});
+  EXPECT_EQ(parser.scratchPath(), "/Volumes/Media/Scratch");
+
+  // With no boot volume name every classic path is on another volume.
+  MVFCPPrefParser::setBootVolumeNameForTesting(std::optional<std::string>());
+  EXPECT_EQ(parser.formatPath("Macintosh HD:Users"), "/Volumes/Macintosh HD/Users");
+}
+
+TEST_F(MVFCPPrefParserTest, DefaultsDeriveMissingLocationsFromKnownOnes) {
+  MVFCPPrefParser audioCapture;
+  audioCapture.setAudioCaptureScratchPath("/A/Cap/Audio Capture Scratch");
+  audioCapture.setupDefaults();
+  EXPECT_EQ(audioCapture.captureScratchPath(), "/A/Cap");
+  EXPECT_EQ(audioCapture.scratchPath(), "/A");
+  EXPECT_EQ(audioCapture.renderPath(), "/A/Render Files");
+  EXPECT_EQ(audioCapture.audioRenderPath(), "/A/Audio Render Files");
+  EXPECT_EQ(audioCapture.waveformCachePath(), "/A/Waveform Cache Files");
+  EXPECT_EQ(audioCapture.autosavePath(), "/A/Autosave Vault");
+
+  MVFCPPrefParser thumbnail;
+  thumbnail.setThumbnailCachePath("/T/Thumbnail Cache Files");
+  thumbnail.setupDefaults();
+  EXPECT_EQ(thumbnail.autosavePath(), "/T/Autosave Vault");
+  EXPECT_EQ(thumbnail.waveformCachePath(), "/T/Waveform Cache Files");
+  EXPECT_EQ(thumbnail.scratchPath(), documents("Final Cut Pro Documents"));
+
+  MVFCPPrefParser autosave;
+  autosave.setAutosavePath("/V/Autosave Vault");
+  autosave.setupDefaults();
+  EXPECT_EQ(autosave.waveformCachePath(), "/V/Waveform Cache Files");
+  EXPECT_EQ(autosave.thumbnailCachePath(), "/V/Thumbnail Cache Files");
+}
+
+TEST_F(MVFCPPrefParserTest, PreferenceFileFollowsTheInstalledVersion) {
+  std::string apps = makeTempDir("Applications");
+  MVFCPPrefParser::setApplicationsFolderForTesting(apps);
+  auto install = [&](const std::string& bundle, const MVPlistValue& info) {
+    fs::create_directories(apps + "/" + bundle + "/Contents");
+    ASSERT_TRUE(MVPropertyList::write(apps + "/" + bundle + "/Contents/Info.plist", info));
+  };
+  const std::string prefs = MVLocalPaths::prefsDirectory(true);
+
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), std::nullopt);  // not installed
+  fs::create_directories(apps + "/Final Cut Pro.app");
+  EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), std::nullopt);  // no Info.plist
+  install("Final Cut Pro.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", ""}});
+  EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), std::nullopt);
+  std::string console = testing::internal::GetCapturedStderr();
+  EXPECT_NE(console.find("Unable to find Final Cut Pro info plist."), std::string::npos) << console;
+  EXPECT_NE(console.find("Unable to locate Final Cut Pro version number."), std::string::npos) << console;
+
+  install("Final Cut Pro.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", "7.0.3"}});
+  EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), prefs + "/Final Cut Pro User Data/Final Cut Pro 7.0 Prefs.fcset");
+  install("Final Cut Studio/Final Cut Pro.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", "10.1"}});
+  EXPECT_EQ(MVFCPPrefParser().fcpBundlePath(), apps + "/Final Cut Studio/Final Cut Pro.app");
+  EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), prefs + "/Final Cut Pro User Data/Final Cut Pro 1.0 Prefs.fcset");
+  install("Final Cut Express.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", "4.0.1"}});
+  EXPECT_EQ(MVFCPPrefParser(true).preferenceFilePath(),
+            prefs + "/Final Cut Express User Data/Final Cut Express 4.0 Prefs.fcset");
+
+  // Installed, but no preference file yet: nothing is found and nothing cached.
+  testing::internal::CaptureStderr();
+  MVFCPPrefParser missing;
+  missing.loadDataForTypes(std::vector<std::string>{"render"});
+  console = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(missing.renderPath(), std::nullopt);
+  EXPECT_NE(console.find("Unable to load Final Cut Pro preference file " + prefs), std::string::npos) << console;
+  EXPECT_FALSE(fs::exists(MVFCPPrefParser::cacheFilePath()));
+}
+
+TEST_F(MVFCPPrefParserTest, BootVolumeLabelComesFromTheRootMount) {
+  std::string dir = makeTempDir("mounts");
+  fs::create_directories(dir + "/dev/disk/by-label");
+  writeFile(dir + "/dev/sda1", "");
+  writeFile(dir + "/dev/sdb1", "");
+  fs::create_symlink("../../sda1", dir + "/dev/disk/by-label/Macintosh\\x20HD");
+  fs::create_symlink("../../sdb1", dir + "/dev/disk/by-label/Media");
+  auto table = [&](const std::string& lines) {
+    writeFile(dir + "/mountinfo", lines);
+    return MVFCPPrefParser::volumeLabelForMountPoint("/", dir + "/mountinfo", dir + "/dev/disk/by-label");
+  };
+  const std::string sda = dir + "/dev/sda1", sdb = dir + "/dev/sdb1";
+  EXPECT_EQ(table("22 1 8:1 / / rw,relatime shared:1 - ext4 " + sda + " rw\n"), "Macintosh HD");
+  EXPECT_EQ(table("22 1 8:1 / / rw - ext4 " + sda + " rw\n23 22 8:17 / /Volumes/Media rw - ext4 " + sdb + " rw\n"),
+            "Macintosh HD");
+  // The last mount on "/" is the one in effect.
+  EXPECT_EQ(table("22 1 8:1 / / rw - ext4 " + sda + " rw\n30 22 8:17 / / rw - ext4 " + sdb + " rw\n"), "Media");
+  EXPECT_EQ(table("22 1 0:40 / / rw - overlay overlay rw\n"), std::nullopt);
+  EXPECT_EQ(table("garbage\n\n1 2\n"), std::nullopt);
+  EXPECT_EQ(MVFCPPrefParser::volumeLabelForMountPoint("/", dir + "/none", dir), std::nullopt);
+}
+
+TEST_F(MVFCPPrefParserTest, RandomBytesNeverBreakTheScanner) {
+  std::mt19937 random(42);
+  std::string path = makeTempDir("fuzz") + "/prefs.fcset";
+  for (int round = 0; round < 120; ++round) {
+    std::string bytes = noise(random() % 700, static_cast<unsigned>(round));
+    // Sprinkle keys so the value-region code runs on noise too.
+    for (const char* key : {"render", "capture", "autoSaveVault"})
+      if (random() % 2) bytes.insert(random() % (bytes.size() + 1), pascal(key));
+    writeFile(path, bytes);
+    fs::remove(MVFCPPrefParser::cacheFilePath());
+    testing::internal::CaptureStderr();
+    MVFCPPrefParser parser = parserFor(path);
+    testing::internal::GetCapturedStderr();
+    if (bytes.size() >= 16) {
+      EXPECT_TRUE(parser.renderPath().has_value()) << round;
+    }
+  }
+}

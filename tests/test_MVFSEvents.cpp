@@ -1,0 +1,335 @@
+// The file-system event stream on real folders with real inotify.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "FSEventsInotify.h"
+#include "MVFSEvents.h"
+#include "MVLog.h"
+#include "MVRunLoop.h"
+#include "TestSupport.h"
+
+namespace fs = std::filesystem;
+using quillon_test::makeTempDir;
+using quillon_test::waitUntil;
+using quillon_test::writeFile;
+
+namespace {
+
+struct Received {
+  std::uint64_t id;
+  std::string path;
+  std::uint32_t flags;
+  MVPlistValue::Date date;
+  std::size_t batch;
+};
+
+class Recorder : public MVFSEventsDelegate {
+ public:
+  Recorder() { MVFSEvents::sharedController().setDelegate(this); }
+  ~Recorder() override = default;
+
+  void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
+    batchTimes.push_back(std::chrono::steady_clock::now());
+    for (const auto& event : events)
+      records.push_back(Received{static_cast<std::uint64_t>(event["id"].integerValue()), *event["path"].string(),
+                                 static_cast<std::uint32_t>(std::stoul(*event["flag"].string(), nullptr, 16)),
+                                 *event["date"].date(), batchTimes.size() - 1});
+  }
+
+  bool saw(const std::string& path, std::uint32_t flags = 0) const {
+    for (const auto& r : records)
+      if (r.path == path && (r.flags & flags) == flags) return true;
+    return false;
+  }
+  bool waitFor(const std::string& path, std::uint32_t flags = 0, double seconds = 5) {
+    return waitUntil([&] { return saw(path, flags); }, seconds);
+  }
+  bool sawBelow(const std::string& folder) const {
+    for (const auto& r : records)
+      if (r.path.rfind(folder, 0) == 0) return true;
+    return false;
+  }
+
+  std::vector<Received> records;
+  std::vector<std::chrono::steady_clock::time_point> batchTimes;
+};
+
+class MVFSEventsTest : public ::testing::Test {
+ protected:
+  void SetUp() override { MVFSEvents::setBackendFactory(quillon::createInotifyBackend); }
+  void TearDown() override { MVFSEvents::sharedController().stopWatching(); }
+};
+
+std::string slash(const std::string& folder) { return folder + "/"; }
+
+void settle(double seconds) { MVRunLoop::main().runFor(seconds); }
+
+}  // namespace
+
+TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
+  Recorder recorder;
+  const std::string root = makeTempDir("tree");
+  const std::string outside = makeTempDir("outside");
+  MVFSEvents::sharedController().startWatchingPaths({root});
+
+  writeFile(root + "/render.mov", "frames");
+  ASSERT_TRUE(recorder.waitFor(slash(root)));
+  EXPECT_EQ(recorder.records.front().flags, 0u);
+
+  // A folder created and filled in one burst, before the stream has had a
+  // chance to watch it: the files' folder is still reported.
+  fs::create_directories(root + "/a/b/c");
+  writeFile(root + "/a/b/c/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
+
+  // Later writes in the new folder arrive through its own watch.
+  settle(1.1);
+  recorder.records.clear();
+  writeFile(root + "/a/b/c/clip2.mov", "y");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
+
+  // A folder moved out of the tree is no longer watched.
+  fs::rename(root + "/a", outside + "/a");
+  writeFile(outside + "/a/b/c/after-move.mov", "z");
+  settle(1.1);
+  writeFile(root + "/marker", "m");
+  ASSERT_TRUE(recorder.waitFor(slash(root)));
+  EXPECT_FALSE(recorder.sawBelow(outside));
+
+  // Identifiers only grow; the records of one batch share their date.
+  for (std::size_t i = 1; i < recorder.records.size(); ++i) {
+    EXPECT_GT(recorder.records[i].id, recorder.records[i - 1].id);
+    if (recorder.records[i].batch == recorder.records[i - 1].batch) {
+      EXPECT_EQ(recorder.records[i].date, recorder.records[i - 1].date);
+    }
+  }
+}
+
+TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
+  Recorder recorder;
+  const std::string root = makeTempDir("latency");
+  fs::create_directories(root + "/sub");
+  MVFSEvents::sharedController().startWatchingPaths({root}, 1.0);
+  settle(1.2);  // a quiet period
+
+  writeFile(root + "/first.mov", "1");
+  ASSERT_TRUE(waitUntil([&] { return recorder.batchTimes.size() == 1; }, 5));
+
+  writeFile(root + "/second.mov", "2");
+  writeFile(root + "/sub/third.mov", "3");
+  settle(0.2);
+  writeFile(root + "/fourth.mov", "4");
+  EXPECT_EQ(recorder.batchTimes.size(), 1u) << "later changes must wait for the latency";
+
+  ASSERT_TRUE(waitUntil([&] { return recorder.batchTimes.size() == 2; }, 5));
+  EXPECT_GE(recorder.batchTimes[1] - recorder.batchTimes[0], std::chrono::milliseconds(800));
+  std::vector<std::string> second;
+  for (const auto& r : recorder.records)
+    if (r.batch == 1) second.push_back(r.path);
+  // Both folders in one batch, each once however many changes it had.
+  EXPECT_EQ(second, (std::vector<std::string>{slash(root), slash(root + "/sub")}));
+}
+
+TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
+  Recorder recorder;
+  MVFSEvents& stream = MVFSEvents::sharedController();
+  const std::string a = makeTempDir("a");
+  const std::string b = makeTempDir("b");
+  stream.startWatchingPaths({a});
+  settle(0.1);
+
+  // A change that happens just before the stream is re-created still arrives.
+  writeFile(a + "/before-add.mov", "x");
+  stream.addWatchPaths({b}, 1.0);
+  EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{a, b}));
+  ASSERT_TRUE(recorder.waitFor(slash(a)));
+
+  writeFile(b + "/new.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(b)));
+  recorder.records.clear();
+  writeFile(a + "/again.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(a)));
+
+  // Adding a path already there, or removing one that is not, re-creates the
+  // stream with the same list.
+  stream.addWatchPaths({a}, 1.0);
+  stream.removeWatchPaths({"/not/watched"}, 1.0);
+  EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{a, b}));
+
+  stream.removeWatchPaths({a}, 1.0);
+  EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{b}));
+  settle(1.1);
+  recorder.records.clear();
+  writeFile(a + "/unwatched.mov", "x");
+  writeFile(b + "/watched.mov", "x");
+  ASSERT_TRUE(recorder.waitFor(slash(b)));
+  settle(0.3);
+  EXPECT_FALSE(recorder.saw(slash(a)));
+
+  stream.stopWatching();
+  EXPECT_TRUE(stream.watchPaths().empty());
+  EXPECT_TRUE(stream.running());
+}
+
+TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
+  Recorder recorder;
+  const std::string base = makeTempDir("missing");
+  const std::string root = base + "/later/render";
+  MVFSEvents::sharedController().startWatchingPaths({root});
+
+  fs::create_directories(root);
+  writeFile(root + "/clip.mov", "x");
+  ASSERT_TRUE(recorder.waitFor(slash(root)));
+  settle(1.1);
+  recorder.records.clear();
+  writeFile(root + "/clip2.mov", "x");
+  ASSERT_TRUE(recorder.waitFor(slash(root)));
+
+  fs::remove_all(base + "/later");
+  EXPECT_TRUE(recorder.waitFor(slash(root), kMVFSEventFlagRootChanged));
+
+  // It comes back, and is watched again.
+  settle(1.1);
+  recorder.records.clear();
+  fs::create_directories(root);
+  settle(0.2);
+  writeFile(root + "/clip3.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root)));
+}
+
+TEST_F(MVFSEventsTest, WatchedFileReportsItsFolder) {
+  Recorder recorder;
+  const std::string folder = makeTempDir("ame");
+  const std::string log = folder + "/AMEEncodingLog.txt";
+  writeFile(log, "Queue Started");
+  MVFSEvents::sharedController().startWatchingPaths({log});
+  settle(0.1);
+
+  writeFile(folder + "/unrelated.txt", "x");
+  settle(1.2);
+  EXPECT_TRUE(recorder.records.empty());
+
+  std::ofstream(log, std::ios::app) << " Queue Stopped";
+  ASSERT_TRUE(recorder.waitFor(slash(folder)));
+
+  // Replaced by a rename, as editors save: still watched.
+  settle(1.1);
+  writeFile(folder + "/new.txt", "Queue Started");
+  fs::rename(folder + "/new.txt", log);
+  ASSERT_TRUE(recorder.waitFor(slash(folder), kMVFSEventFlagRootChanged));
+  settle(1.1);
+  recorder.records.clear();
+  std::ofstream(log, std::ios::app) << " Queue Stopped";
+  EXPECT_TRUE(recorder.waitFor(slash(folder)));
+}
+
+TEST_F(MVFSEventsTest, QueueOverflowAsksForARescanAndKeepsWatching) {
+  Recorder recorder;
+  const std::string root = makeTempDir("overflow");
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  settle(0.1);
+
+  // Without turning the main loop nothing reads the queue: three events per
+  // round overflow it. The folder made last is lost in the overflow.
+  long queueSize = std::stol(quillon_test::readFile("/proc/sys/fs/inotify/max_queued_events"));
+  const std::string scratch = root + "/scratch";
+  for (long i = 0; i < queueSize / 3 + 100; ++i) {
+    int fd = ::open(scratch.c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(fd, 0);
+    ::close(fd);
+    ::unlink(scratch.c_str());
+  }
+  fs::create_directories(root + "/late");
+
+  ASSERT_TRUE(recorder.waitFor(slash(root), kMVFSEventFlagMustScanSubDirs | kMVFSEventFlagKernelDropped));
+  settle(1.1);
+  writeFile(root + "/late/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/late")));
+}
+
+TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
+  // A private mount namespace for this thread, so the mount is seen by no one else.
+  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    GTEST_SKIP() << "no private mount namespace here";
+  Recorder recorder;
+  const std::string root = makeTempDir("volumes");
+  const std::string volume = root + "/volume";
+  fs::create_directories(volume);
+  if (mount("quillon-test", volume.c_str(), "tmpfs", 0, "size=1m") != 0) GTEST_SKIP() << "cannot mount tmpfs";
+  fs::create_directories(volume + "/Avid MediaFiles");
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  settle(0.1);
+
+  writeFile(volume + "/Avid MediaFiles/clip.mxf", "x");
+  ASSERT_TRUE(recorder.waitFor(slash(volume + "/Avid MediaFiles")));
+  ASSERT_EQ(umount2(volume.c_str(), 0), 0);
+  ASSERT_TRUE(recorder.waitFor(slash(volume), kMVFSEventFlagUnmount));
+  EXPECT_FALSE(recorder.saw(slash(volume + "/Avid MediaFiles"), kMVFSEventFlagUnmount));
+
+  // The folder under the mount point is watched in its place.
+  settle(1.1);
+  recorder.records.clear();
+  writeFile(volume + "/underneath.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(volume)));
+}
+
+// The watch limit is lowered in a user namespace of its own, where it holds
+// for that namespace alone: the test runs itself again inside one.
+TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
+  const std::string self = "MVFSEventsTest.FullWatchTableIsLoggedAndEarlierWatchesKept";
+  if (!std::getenv("QUILLON_WATCH_LIMIT_CHILD")) {
+    std::string output = quillon_test::shellOutput(
+        "QUILLON_WATCH_LIMIT_CHILD=1 unshare --user --map-root-user " + fs::read_symlink("/proc/self/exe").string() +
+        " --gtest_filter=" + self + " 2>&1");
+    if (output.find("[  PASSED  ] 1 test") == std::string::npos && output.find("[  FAILED  ]") == std::string::npos)
+      GTEST_SKIP() << "no user namespace with its own watch limit here:\n" << output;
+    EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
+    EXPECT_NE(output.find("fs.inotify.max_user_watches"), std::string::npos) << output;
+    return;
+  }
+
+  quillon_test::writeFile("/proc/sys/user/max_inotify_watches", "6");
+  if (quillon_test::readFile("/proc/sys/user/max_inotify_watches") != "6\n") GTEST_SKIP() << "limit not lowered";
+  MVLog::createNewLog("test_MVFSEvents");
+  const std::string root = makeTempDir("limit");
+  for (int i = 0; i < 20; ++i) fs::create_directories(root + "/folder" + std::to_string(i));
+  Recorder recorder;
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  writeFile(root + "/still-watched.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root)));
+
+  // Shown to the parent: the line from the log file, or, where the log
+  // cannot be opened, the complaint that prints it.
+  MVLog::finishWriting();
+  std::vector<std::string> logs = MVLog::availableLogs();
+  logs.push_back(MVLog::currentLogPath());
+  for (const auto& path : logs) {
+    std::ifstream log(path);
+    for (std::string line; std::getline(log, line);)
+      if (line.find("fs.inotify.max_user_watches") != std::string::npos) std::printf("logged: %s\n", line.c_str());
+  }
+}
+
+TEST(MVFSEventRecord, DictionaryCarriesTheFourKeys) {
+  const auto date = std::chrono::system_clock::now();
+  for (auto [flags, text] : {std::pair{0x0u, "0000"}, {0x10u, "0010"}, {0x12345u, "12345"}}) {
+    MVPlistValue record = MVFSEventRecord{42, "/Volumes/Media/", flags, date}.toDictionary();
+    EXPECT_EQ(*record["flag"].string(), text);
+    EXPECT_EQ(record["id"].integerValue(), 42);
+    EXPECT_EQ(*record["path"].string(), "/Volumes/Media/");
+    EXPECT_EQ(record["date"].date(), date);
+  }
+}

@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "MVFileManager.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+using Paths = std::vector<std::string>;
+
+namespace {
+
+// The entries of a folder in the order the system lists them.
+Paths listing(const std::string& folder) {
+  Paths paths;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) paths.push_back(entry.path().string());
+  return paths;
+}
+
+class MVFileManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    base = makeTempDir("wild");
+    writeFile(base + "/a/.hidden", "");
+    writeFile(base + "/a/one.txt", "");
+    writeFile(base + "/a/two.txt", "");
+    writeFile(base + "/a/sub/deep.txt", "");
+    writeFile(base + "/b/one.txt", "");
+    writeFile(base + "/b/caf\xC3\xA9", "");
+    writeFile(base + "/c", "");
+    ASSERT_EQ(symlink((base + "/nowhere").c_str(), (base + "/a/dangling").c_str()), 0);
+  }
+  std::string base;
+};
+
+}  // namespace
+
+TEST_F(MVFileManagerTest, ExistenceFollowsLinksAndCountsFolders) {
+  EXPECT_TRUE(MVFileManager::fileExistsAtPath(base + "/a/one.txt"));
+  EXPECT_TRUE(MVFileManager::fileExistsAtPath(base + "/a"));
+  EXPECT_FALSE(MVFileManager::fileExistsAtPath(base + "/a/missing"));
+  EXPECT_FALSE(MVFileManager::fileExistsAtPath(base + "/a/dangling"));
+  EXPECT_FALSE(MVFileManager::fileExistsAtPath(""));
+}
+
+TEST_F(MVFileManagerTest, WildcardsExpandOverARealTree) {
+  // Every entry of a folder, hidden ones included, in listing order; the
+  // dangling link is listed but does not exist.
+  Paths everyA = listing(base + "/a");
+  std::erase(everyA, base + "/a/dangling");
+  EXPECT_EQ(MVFileManager::filesMatchingWildcardPath("a/*", base), everyA);
+  EXPECT_EQ(everyA.size(), 4u);
+
+  // A wildcard in the middle: candidates in the listing order of the base.
+  Paths expected;
+  for (const std::string& folder : listing(base))
+    if (fileExists(folder + "/one.txt")) expected.push_back(folder + "/one.txt");
+  EXPECT_EQ(MVFileManager::filesMatchingWildcardPath("*/one.txt", base), expected);
+  EXPECT_EQ(expected.size(), 2u);
+
+  struct Case {
+    std::string pattern, basePath;
+    Paths expected;
+  } cases[] = {
+      {"a/t?o*", base, {base + "/a/two.txt"}},
+      {"b/caf?", base, {base + "/b/caf?"}},  // no "*": taken literally, as is
+      {"b/caf?*", base, {base + "/b/caf\xC3\xA9"}},
+      {base.substr(1) + "/a/sub/*", "", {"/" + base.substr(1) + "/a/sub/deep.txt"}},
+      {base + "/a/sub/*", "", {base + "/a/sub/deep.txt"}},
+      {"/a/sub/*", base, {base + "/a/sub/deep.txt"}},  // absolute, resolved from the base
+      {"a/sub/*.txt/", base, {base + "/a/sub/deep.txt"}},
+      {"a/*.jpg", base, {}},
+      {"missing/*", base, {}},
+      {"*/nothing/*", base, {}},
+      {"c/*", base, {}},  // a file has no entries
+      {"does/not/exist", base, {base + "/does/not/exist"}},
+      {"does/not/exist", "", {"does/not/exist"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.pattern + " from " + c.basePath);
+    EXPECT_EQ(MVFileManager::filesMatchingWildcardPath(c.pattern, c.basePath), c.expected);
+    EXPECT_EQ(MVFileManager::filesMatchingWildcardPath(c.pattern, c.basePath, true), c.expected);
+  }
+}
+
+TEST(MVFileManager, NamesMatchStarAndQuestionMarkOnly) {
+  struct Case {
+    const char* name;
+    const char* pattern;
+    bool matches;
+  } cases[] = {
+      {"", "*", true},           {".hidden", "*", true},     {"abc", "a*c", true},
+      {"abc", "*b", false},      {"abcbd", "a*b?", true},    {"ab", "?", false},
+      {"\xC3\xA9", "?", true},   {"[x]", "[x]", true},       {"x", "[x]", false},
+      {"a.b", "a?b", true},      {"Adobe Media Encoder", "Adobe*Encoder", true},
+      {"aaa", "a*a*a*a", false}, {"mixed", "MIXED", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.name) + " ~ " + c.pattern);
+    EXPECT_EQ(MVFileManager::nameMatchesWildcard(c.name, c.pattern), c.matches);
+  }
+}

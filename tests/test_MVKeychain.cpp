@@ -1,0 +1,247 @@
+// MVKeychain on a real Secret Service: a private session bus with an
+// unlocked gnome-keyring-daemon, and secret-tool as the independent writer
+// and reader.
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "KeychainSecretService.h"
+#include "MVKeychain.h"
+#include "TestSupport.h"
+
+namespace {
+
+using quillon_test::shell;
+using quillon_test::shellOutput;
+
+std::string quoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+// secret-tool store with the password on standard input.
+int secretToolStore(const std::string& label, const std::string& attributes, const std::string& password) {
+  std::string file = quillon_test::makeTempDir("secret") + "/password";
+  quillon_test::writeFile(file, password);
+  return shell("secret-tool store --label=" + quoted(label) + " " + attributes + " < " + file);
+}
+
+std::string secretToolLookup(const std::string& attributes) {
+  return shellOutput("secret-tool lookup " + attributes + " 2>/dev/null");
+}
+
+class MVKeychainTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    std::string runtime = quillon_test::makeTempDir("runtime");
+    chmod(runtime.c_str(), 0700);
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+
+    std::string bus = shellOutput("dbus-daemon --session --fork --print-address=1 --print-pid=1");
+    auto newline = bus.find('\n');
+    ASSERT_NE(newline, std::string::npos) << bus;
+    busPid_ = std::atoi(bus.c_str() + newline + 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", bus.substr(0, newline).c_str(), 1);
+
+    // The keyring reads its login password on standard input and creates an
+    // unlocked login keyring with it.
+    keyringPid_ = std::atoi(shellOutput("printf test-login | gnome-keyring-daemon --foreground --unlock "
+                                        "--components=secrets >/dev/null 2>&1 & echo $!")
+                                .c_str());
+    // Wait for this daemon's name, so that no query starts another by activation.
+    bool ready = quillon_test::waitUntil(
+        [] {
+          return shellOutput("dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
+                             "org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null")
+                     .find("true") != std::string::npos;
+        },
+        20);
+    ASSERT_TRUE(ready) << "gnome-keyring-daemon did not come up";
+    MVKeychain::setBackend(quillon::createSecretServiceKeychain());
+  }
+
+  static void TearDownTestSuite() {
+    MVKeychain::setBackend(nullptr);
+    if (keyringPid_ > 0) kill(keyringPid_, SIGTERM);
+    if (busPid_ > 0) kill(busPid_, SIGTERM);
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+  }
+
+  static inline int busPid_ = 0;
+  static inline int keyringPid_ = 0;
+};
+
+TEST(MVKeychainWithoutBusTest, SaysSoAndFindsNothing) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillon-bus", 1);
+        MVKeychain::setBackend(quillon::createSecretServiceKeychain());
+        bool nothing = !MVKeychain::getPasswordFromKeychainItem("Quillon - a@b.c", "Email password", "a@b.c", "") &&
+                       !MVKeychain::addKeychainItem("Quillon - a@b.c", "Email password", "a@b.c", "pw", "");
+        std::exit(nothing ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "cannot reach the Secret Service.*\n.*status -25291 from SecKeychainSearch");
+}
+
+TEST_F(MVKeychainTest, ReadsTheAgentPasswordThatSecretToolStored) {
+  const std::string address = "editor@example.com";
+  const std::string name = MVKeychain::agentItemName(address);
+  EXPECT_EQ(name, "Quillon - editor@example.com");
+  ASSERT_EQ(secretToolStore(name, "acct " + address + " desc 'Email password' labl " + quoted(name), "s3cret pässwörd"), 0);
+
+  // secret-tool stores all the bytes, and they all read back.
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, std::string(MVKeychain::kEmailPasswordKind), address, ""),
+            "s3cret pässwörd");
+  EXPECT_TRUE(MVKeychain::checkForExistenceOfKeychainItem(name, "Email password", address, ""));
+  EXPECT_TRUE(MVKeychain::checkForExistenceOfKeychainItem("", "", address, ""));  // fewer attributes still match
+
+  auto item = MVKeychain::keychainItem(name, "Email password", address, "");
+  ASSERT_NE(item, nullptr);
+  EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(item.get()), "s3cret pässwörd");
+  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecAccountItemAttr), address);
+  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecDescriptionItemAttr), "Email password");
+  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecLabelItemAttr), name);
+  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecServiceItemAttr), std::nullopt);
+  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecModDateItemAttr).value_or("").size(), 15u);
+
+  // Any attribute that differs, or one the item lacks, matches nothing.
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, "Email password", "other@example.com", ""), std::nullopt);
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, "Email password", address, "smtp.example.com"), std::nullopt);
+  EXPECT_EQ(MVKeychain::keychainItem(name, "Web password", address, ""), nullptr);
+  EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(nullptr), std::nullopt);
+
+  // The mail senders read it on worker threads while the main loop runs.
+  std::optional<std::string> fromWorker;
+  std::atomic<bool> done{false};
+  std::thread worker([&] {
+    fromWorker = MVKeychain::getPasswordFromKeychainItem(name, "Email password", address, "");
+    done = true;
+  });
+  EXPECT_TRUE(quillon_test::waitUntil([&] { return done.load(); }, 20));
+  worker.join();
+  EXPECT_EQ(fromWorker, "s3cret pässwörd");
+}
+
+TEST_F(MVKeychainTest, AddModifyDeleteAsSecretToolSeesThem) {
+  const std::string lookup = "acct ann desc Web labl Site svce www.example.com";
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Site", "Web", "ann", "first", "www.example.com"));
+  EXPECT_EQ(secretToolLookup(lookup), "first");
+  std::string listed = shellOutput("secret-tool search --all " + lookup + " 2>&1");
+  EXPECT_NE(listed.find("label = Site\n"), std::string::npos) << listed;
+  EXPECT_NE(listed.find("schema = com.morvane.Keychain.GenericPassword\n"), std::string::npos) << listed;
+  // A second item with the same identity is refused, not stored beside it.
+  EXPECT_FALSE(MVKeychain::addKeychainItem("Site", "Web", "ann", "again", "www.example.com"));
+  // ...but one without the hostname is another item.
+  EXPECT_TRUE(MVKeychain::addKeychainItem("Site", "Web", "ann", "hostless", ""));
+
+  EXPECT_TRUE(MVKeychain::modifyKeychainItem("Site", "Web", "ann", "www.example.com", "second"));
+  EXPECT_EQ(secretToolLookup(lookup), "second");
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Site", "Web", "ann", "www.example.com"), "second");
+
+  EXPECT_TRUE(MVKeychain::deleteKeychainItem("Site", "Web", "ann", "www.example.com"));
+  EXPECT_EQ(shell("secret-tool lookup " + lookup + " >/dev/null 2>&1"), 1);
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Site", "Web", "ann", "www.example.com"), std::nullopt);
+  EXPECT_TRUE(MVKeychain::deleteKeychainItem("Site", "Web", "ann", "www.example.com"));  // nothing left: true
+  EXPECT_FALSE(MVKeychain::modifyKeychainItem("Site", "Web", "ann", "www.example.com", "third"));
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Site", "Web", "ann", ""), "hostless");
+
+  // Delete-all goes by name and kind, whoever the user.
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Shared", "Token", "bob", "b", ""));
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Shared", "Token", "cat", "c", ""));
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Shared", "Other", "dan", "d", ""));
+  EXPECT_TRUE(MVKeychain::deleteAllKeychainItems("Shared", "Token"));
+  EXPECT_FALSE(MVKeychain::checkForExistenceOfKeychainItem("Shared", "Token", "", ""));
+  EXPECT_TRUE(MVKeychain::checkForExistenceOfKeychainItem("Shared", "Other", "dan", ""));
+  EXPECT_FALSE(MVKeychain::deleteAllKeychainItems("", ""));
+}
+
+TEST_F(MVKeychainTest, WithoutAnyIdentifyingArgumentNothingHappens) {
+  EXPECT_FALSE(MVKeychain::addKeychainItem("", "", "", "password", ""));
+  EXPECT_FALSE(MVKeychain::checkForExistenceOfKeychainItem("", "", "", ""));
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("", "", "", ""), std::nullopt);
+  EXPECT_FALSE(MVKeychain::modifyKeychainItem("", "", "", "", "password"));
+  EXPECT_FALSE(MVKeychain::deleteKeychainItem("", "", "", ""));
+  // Nothing was stored on the way.
+  EXPECT_EQ(shellOutput("secret-tool search --all xdg:schema com.morvane.Keychain.GenericPassword 2>&1 | grep -c 'secret = password$'"),
+            "0\n");
+}
+
+TEST_F(MVKeychainTest, StoresCharacterCountOfBytesAndReadsAtMost1023) {
+  // Stored bytes are cut to the length in characters, so non-ASCII text comes
+  // back short; a character cut in two is dropped when read.
+  struct Case { std::string user, password, storedBySecretTool, readBack; };
+  const Case cases[] = {
+      {"u1", "pässwörd", "pässwö", "pässwö"},
+      {"u2", "pä", "p\xc3", "p"},
+      {"u3", "a\xF0\x9F\x98\x80" "b", "a\xF0\x9F\x98", "a"},  // U+1F600 counts as two characters
+      {"u4", "plain ascii", "plain ascii", "plain ascii"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.user);
+    ASSERT_TRUE(MVKeychain::addKeychainItem("Length", "Rule", c.user, c.password, ""));
+    EXPECT_EQ(secretToolLookup("acct " + c.user + " desc Rule labl Length"), c.storedBySecretTool);
+    EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Length", "Rule", c.user, ""), c.readBack);
+  }
+
+  // Attribute values follow the same rule: "josé" is stored as "jos".
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Accent", "Rule", "josé", "pw", ""));
+  EXPECT_EQ(secretToolLookup("acct jos desc Rule labl Accent"), "pw");
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Accent", "Rule", "josé", ""), "pw");
+
+  std::string longPassword;
+  for (int i = 0; i < 2000; ++i) longPassword += static_cast<char>('a' + i % 26);
+  ASSERT_EQ(secretToolStore("Long", "acct long desc Rule labl Long", longPassword), 0);
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Long", "Rule", "long", ""), longPassword.substr(0, 1023));
+}
+
+TEST_F(MVKeychainTest, TrustedApplicationsAndCertificatesAnswerEmptyAndSaySoOnce) {
+  ::testing::internal::CaptureStderr();
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Apps", "Kind", "eve", "pw", "", {"/usr/bin/quillon-prefs"}));
+  auto item = MVKeychain::keychainItem("Apps", "Kind", "eve", "");
+  ASSERT_NE(item, nullptr);
+  MVKeychain::addTrustedAppAtPath("/usr/bin/quillon-helper", item.get());
+  EXPECT_TRUE(MVKeychain::trustedAppsForItemRef(item.get()).empty());
+  EXPECT_TRUE(MVKeychain::trustedAppsForItemRef(item.get()).empty());
+  auto certificates = MVKeychain::certificateNames();
+  auto again = MVKeychain::certificateNames();
+  std::string console = ::testing::internal::GetCapturedStderr();
+
+  ASSERT_TRUE(certificates.has_value());
+  EXPECT_TRUE(certificates->empty());
+  EXPECT_TRUE(again.has_value());
+  EXPECT_NE(console.find("app path: /usr/bin/quillon-helper"), std::string::npos) << console;
+  auto count = [&console](const std::string& text) {
+    std::size_t n = 0;
+    for (auto at = console.find(text); at != std::string::npos; at = console.find(text, at + 1)) ++n;
+    return n;
+  };
+  EXPECT_EQ(count("no per-item lists of trusted applications"), 1u) << console;
+  EXPECT_EQ(count("keeps no certificates"), 1u) << console;
+  // The item itself was stored and stays readable.
+  EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(item.get()), "pw");
+}
+
+// Locks the login keyring for good (unlocking needs a prompt), so it stays last.
+TEST_F(MVKeychainTest, LockedKeyringGivesNoPasswordAndDoesNotHang) {
+  ASSERT_TRUE(MVKeychain::addKeychainItem("Locked", "Kind", "zed", "pw", ""));
+  ASSERT_EQ(shell("dbus-send --session --print-reply --dest=org.freedesktop.secrets /org/freedesktop/secrets "
+                  "org.freedesktop.Secret.Service.Lock array:objpath:/org/freedesktop/secrets/collection/login "
+                  ">/dev/null"),
+            0);
+  // No one can answer the unlock prompt here; the read must give up, not wait.
+  ::testing::internal::CaptureStdout();
+  auto password = MVKeychain::getPasswordFromKeychainItem("Locked", "Kind", "zed", "");
+  std::string console = ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(password, std::nullopt);
+  EXPECT_NE(console.find("Error = "), std::string::npos) << console;
+}
+
+}  // namespace

@@ -1,0 +1,351 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MVLocalPaths.h"
+#include "MVLog.h"
+#include "MVPropertyList.h"
+#include "TestSupport.h"
+
+using quillon_test::fileExists;
+using quillon_test::readFile;
+using quillon_test::writeFile;
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string logPath(const std::string& name, int generation = 1) {
+  return MVLog::logFolder() + "/" + name + "." + std::to_string(generation) + ".log";
+}
+
+// Whether `line` starts with a stamp "2024-05-01 13:45:10 +0000 - ".
+bool isStamped(const std::string& line) {
+  static const std::string shape = "dddd-dd-dd dd:dd:dd sdddd - ";
+  if (line.size() < shape.size()) return false;
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    char c = line[i];
+    bool ok = shape[i] == 'd' ? std::isdigit(static_cast<unsigned char>(c)) != 0
+              : shape[i] == 's' ? (c == '+' || c == '-') : c == shape[i];
+    if (!ok) return false;
+  }
+  return true;
+}
+
+// The messages of a log file, without their time stamps.
+std::vector<std::string> messages(const std::string& path) {
+  std::vector<std::string> out;
+  std::string contents = readFile(path);
+  for (std::size_t start = 0, end; start < contents.size(); start = end + 1) {
+    end = contents.find('\n', start);
+    if (end == std::string::npos) end = contents.size();
+    std::string line = contents.substr(start, end - start);
+    out.push_back(isStamped(line) ? line.substr(28) : "UNSTAMPED: " + line);
+  }
+  return out;
+}
+
+std::ptrdiff_t indexOf(const std::vector<std::string>& lines, const std::string& line) {
+  auto found = std::find(lines.begin(), lines.end(), line);
+  return found == lines.end() ? -1 : found - lines.begin();
+}
+
+bool contains(const std::vector<std::string>& lines, const std::string& line) { return indexOf(lines, line) >= 0; }
+
+// Every test starts from a log as at process start, in an empty log folder,
+// with the root rule off (the tests themselves run as root).
+class MVLogTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    MVLog::overrideRunningAsRoot(false);
+    MVLog::resetForTesting();
+    std::error_code ec;
+    fs::remove_all(MVLog::logFolder(), ec);
+    fs::remove(MVGlobalPreferences::path(), ec);
+  }
+  void TearDown() override { MVLog::resetForTesting(); }
+
+};
+
+}  // namespace
+
+TEST_F(MVLogTest, EscapingProtectsLiteralPercentSignsOnly) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"no percent", "no percent"},
+      {"50% done", "50%% done"},
+      {"100%% sure", "100%% sure"},
+      {"%@ and %li and %0.2f", "%@ and %li and %0.2f"},
+      {"a%.b%!c%,d%-e%;f%:g%+h", "a%%.b%%!c%%,d%%-e%%;f%%:g%%+h"},
+      {"ends in %", "ends in %"},
+  };
+  for (const auto& [text, escaped] : cases) EXPECT_EQ(MVLog::escapeTextForLogging(text), escaped) << text;
+}
+
+TEST_F(MVLogTest, NewLogStartsWithHeaderAndTheFirstNameWins) {
+  MVLog::createNewLog("HeaderApp", true);
+  MVLog::appendLog("  \n\t ");              // nothing left after trimming
+  MVLog::appendLog("\n  %@ rendered at %i%% \n", "clip.mov", 50);
+  MVLog::finishWriting();
+  auto lines = messages(logPath("HeaderApp"));
+  ASSERT_EQ(lines.size(), 6u) << readFile(logPath("HeaderApp"));
+  EXPECT_EQ(lines[0].rfind("Log started: ", 0), 0u);
+  EXPECT_EQ(lines[1], "Version: 1.0.0");
+  EXPECT_EQ(lines[2], "Path: " + fs::read_symlink("/proc/self/exe").string());
+  EXPECT_TRUE(std::regex_match(lines[3], std::regex(R"(System: .+ \(kernel .+\), \d+ CPU\(s\), \d+\.\d\d GB RAM)")))
+      << lines[3];
+  EXPECT_EQ(lines[4], "Running in 64-bit mode");
+  EXPECT_EQ(lines[5], "clip.mov rendered at 50%");
+
+  MVLog::createNewLog("OtherName", true);
+  MVLog::finishWriting();
+  EXPECT_EQ(MVLog::sharedController().appName(), "HeaderApp");
+  EXPECT_EQ(MVLog::availableLogs(), (std::vector<std::string>{logPath("HeaderApp", 1), logPath("HeaderApp", 2)}));
+  EXPECT_FALSE(fileExists(logPath("OtherName")));
+}
+
+TEST_F(MVLogTest, UnnamedLogUsesTheExecutableName) {
+  EXPECT_EQ(MVLog::sharedController().appName(), "test_MVLog");
+  MVLog::createNewLog();
+  MVLog::finishWriting();
+  EXPECT_TRUE(fileExists(logPath("test_MVLog")));
+}
+
+TEST_F(MVLogTest, RotationShiftsExistingGenerationsAndSkipsMissingOnes) {
+  struct Case {
+    std::vector<int> present;
+    std::vector<std::pair<int, std::string>> after;  // generation -> old contents
+  };
+  const Case cases[] = {
+      {{1, 2, 3, 4, 5}, {{2, "gen 1"}, {3, "gen 2"}, {4, "gen 3"}, {5, "gen 4"}}},
+      {{1, 3}, {{2, "gen 1"}, {4, "gen 3"}}},
+  };
+  for (const Case& c : cases) {
+    MVLog::resetForTesting();
+    fs::remove_all(MVLog::logFolder());
+    for (int n : c.present) writeFile(logPath("Rotate", n), "gen " + std::to_string(n));
+    MVLog::createNewLog("Rotate", true);
+    MVLog::finishWriting();
+    for (int n = 2; n <= 5; ++n) {
+      auto expected = std::find_if(c.after.begin(), c.after.end(), [&](auto& p) { return p.first == n; });
+      if (expected == c.after.end()) EXPECT_FALSE(fileExists(logPath("Rotate", n))) << n;
+      else EXPECT_EQ(readFile(logPath("Rotate", n)), expected->second) << n;
+    }
+    EXPECT_EQ(messages(logPath("Rotate")).at(0).rfind("Log started: ", 0), 0u);
+  }
+}
+
+TEST_F(MVLogTest, FailedMoveStopsRotationAndLaterLinesAppendToTheOldFile) {
+  for (int n = 1; n <= 4; ++n) writeFile(logPath("Stuck", n), "gen " + std::to_string(n) + "\n");
+  writeFile(logPath("Stuck", 5) + "/keep", "a folder in the way");  // cannot be deleted nor replaced
+
+  testing::internal::CaptureStdout();
+  MVLog::createNewLog("Stuck");
+  MVLog::appendLog("after the failure");
+  MVLog::finishWriting();
+  std::string printed = testing::internal::GetCapturedStdout();
+
+  EXPECT_EQ(printed, "Unable to move file " + logPath("Stuck", 4) + " to " + logPath("Stuck", 5) + ".\n");
+  for (int n = 2; n <= 4; ++n) EXPECT_EQ(readFile(logPath("Stuck", n)), "gen " + std::to_string(n) + "\n");
+  auto lines = messages(logPath("Stuck"));
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_EQ(lines[1], "after the failure");
+  EXPECT_TRUE(fileExists(logPath("Stuck", 5) + "/keep"));
+}
+
+TEST_F(MVLogTest, GlobalSwitchDisablesLoggingForGood) {
+  const std::pair<MVPlistValue, bool> cases[] = {
+      {MVPlistValue("1"), true}, {MVPlistValue(1), true}, {MVPlistValue(true), true},
+      {MVPlistValue("0"), false}, {MVPlistValue("yes"), false}, {MVPlistValue(), false},
+  };
+  for (const auto& [value, disables] : cases) {
+    SCOPED_TRACE(value.description());
+    MVLog::resetForTesting();
+    fs::remove_all(MVLog::logFolder());
+    MVPlistValue prefs;
+    if (value) prefs.set("disable-logging", value);
+    prefs.set("unrelated", MVPlistValue("x"));
+    ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), prefs));
+
+    testing::internal::CaptureStdout();
+    MVLog::createNewLog("Switch");
+    MVLog::appendLogAndPrint("hello");
+    MVLog::finishWriting();
+    fs::remove(MVGlobalPreferences::path());
+    MVLog::createNewLog("Switch");  // a disabled log stays disabled
+    MVLog::finishWriting();
+    std::string printed = testing::internal::GetCapturedStdout();
+
+    EXPECT_EQ(MVLog::sharedController().loggingDisabled(), disables);
+    EXPECT_EQ(printed, disables ? "Logging is disabled\n" : "hello\n");
+    EXPECT_EQ(fileExists(logPath("Switch")), !disables);
+  }
+}
+
+TEST_F(MVLogTest, PrintingEntryPointFormatsTwiceAndPrintsTheFirstPass) {
+  MVLog::createNewLog("Print");
+  testing::internal::CaptureStdout();
+  MVLog::appendLogAndPrint("Rendered %@ at 50% speed", "clip%@%s.mov");
+  MVLog::appendLogAndPrint("nul%cend", 0);
+  MVLog::appendLogAndDebugPrint("debug %@", "only in the file %d");
+  MVLog::finishWriting();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Rendered clip%%s.mov at 50%% speed\n"
+            "nulend\n");
+  auto lines = messages(logPath("Print"));
+  EXPECT_TRUE(contains(lines, "Rendered clip(null)(null).mov at 50% speed"));
+  EXPECT_TRUE(contains(lines, "debug only in the file (null)"));
+
+  MVLog::createNewLog("Print", true);
+  testing::internal::CaptureStdout();
+  MVLog::appendLogAndPrint("silent");
+  MVLog::finishWriting();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_TRUE(contains(messages(logPath("Print")), "silent"));
+}
+
+TEST_F(MVLogTest, ShortLinesFromWorkersAreWrittenBeforeAppendReturns) {
+  MVLog::createNewLog("Threads", true);
+  MVLog::finishWriting();
+  bool writtenOnReturn = false;
+  std::thread([&] {
+    MVLog::appendLog("worker %i done", 7);
+    writtenOnReturn = contains(messages(logPath("Threads")), "worker 7 done");
+  }).join();
+  EXPECT_TRUE(writtenOnReturn);
+
+  // With the writer held, neither the main thread nor a long line from a
+  // worker waits for it.
+  MVLog::setWriterPausedForTesting(true);
+  MVLog::appendLog("main thread line");
+  std::string longLine(150, 'x');
+  std::thread([&] { MVLog::appendLog("%@", longLine); }).join();
+  EXPECT_EQ(MVLog::sharedController().operationCount(), 2u);
+  EXPECT_EQ(MVLog::sharedController().bytesInQueue(), 16u + 150u);
+  EXPECT_FALSE(contains(messages(logPath("Threads")), "main thread line"));
+  MVLog::setWriterPausedForTesting(false);
+  MVLog::finishWriting();
+  auto lines = messages(logPath("Threads"));
+  EXPECT_TRUE(contains(lines, "main thread line"));
+  EXPECT_TRUE(contains(lines, longLine));
+  EXPECT_EQ(MVLog::sharedController().bytesInQueue(), 0u);
+}
+
+TEST_F(MVLogTest, TerminationWaitsForTenLinesAndDropsElevenOrMore) {
+  for (int pending : {10, 11, 30}) {
+    SCOPED_TRACE(pending);
+    MVLog::resetForTesting();
+    MVLog::createNewLog("Flood", true);
+    MVLog::finishWriting();
+    MVLog::setWriterPausedForTesting(true);
+    for (int i = 0; i < pending; ++i) MVLog::appendLog("pending %i", i);
+    MVLog::sharedController().willTerminate();
+    MVLog::appendLog("after termination");
+    MVLog::finishWriting();
+    auto lines = messages(logPath("Flood"));
+    EXPECT_EQ(contains(lines, "pending 0"), pending <= 10);
+    EXPECT_EQ(contains(lines, "pending 9"), pending <= 10);
+    EXPECT_FALSE(contains(lines, "pending 10"));
+    EXPECT_FALSE(contains(lines, "after termination"));
+  }
+}
+
+TEST_F(MVLogTest, FileIsTruncatedPastFiveMillionBytes) {
+  MVLog::createNewLog("Big", true);
+  const std::string chunk(10000, 'z');
+  const int count = 505;
+  for (int i = 0; i < count; ++i) MVLog::appendLog("%i %@", i, chunk);
+  MVLog::finishWriting();
+  EXPECT_GE(fs::file_size(logPath("Big", 2)), 5'000'000u);
+  EXPECT_LT(fs::file_size(logPath("Big", 2)), 5'020'000u);
+  EXPECT_FALSE(fileExists(logPath("Big", 3)));
+  EXPECT_LT(MVLog::sharedController().bytesWritten(), 1'000'000u);
+
+  // The new file's header and the truncation line come after the lines that
+  // were already waiting; no line is lost or doubled on the way.
+  auto older = messages(logPath("Big", 2)), newer = messages(logPath("Big"));
+  auto started = std::find_if(newer.begin(), newer.end(), [](auto& l) { return l.rfind("Log started: ", 0) == 0; });
+  ASSERT_NE(started, newer.end());
+  EXPECT_LT(started - newer.begin(), indexOf(newer, "Running in 64-bit mode"));
+  EXPECT_LT(indexOf(newer, "Running in 64-bit mode"), indexOf(newer, "Log truncated at 500KB"));
+  for (int i = 0; i < count; ++i) {
+    std::string line = std::to_string(i) + " " + chunk;
+    EXPECT_EQ(std::count(older.begin(), older.end(), line) + std::count(newer.begin(), newer.end(), line), 1) << i;
+  }
+}
+
+TEST_F(MVLogTest, LinesWithoutANewLogAppendToAnExistingFileOrComplain) {
+  MVLog::sharedController().setAppName("Lazy");
+  testing::internal::CaptureStdout();
+  MVLog::appendLog("nowhere to go");
+  MVLog::finishWriting();
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "Unable to log the following information: nowhere to go\nUnable to open log for output\n");
+
+  writeFile(logPath("Lazy"), "earlier\n");
+  MVLog::appendLog("appended");
+  MVLog::finishWriting();
+  EXPECT_EQ(messages(logPath("Lazy")), (std::vector<std::string>{"UNSTAMPED: earlier", "appended"}));
+}
+
+TEST_F(MVLogTest, RootWritesTheCurrentFileUnderTheMachineFolder) {
+  MVLog::overrideRunningAsRoot(true);
+  MVLog::sharedController().setAppName("RootApp");
+  const std::string machineFolder = MVLocalPaths::logDirectory(false) + "/Morvane";
+  EXPECT_EQ(MVLog::currentLogPath(), machineFolder + "/RootApp.1.log");
+  EXPECT_EQ(MVLog::logFolder(), MVLocalPaths::logDirectory(true) + "/Morvane");
+  if (fs::exists(machineFolder)) GTEST_SKIP() << machineFolder << " exists on this machine; not touching it";
+
+  // The folder made is the user's; the machine one is not, so the current
+  // file cannot be made there. The user's own generations are left alone.
+  testing::internal::CaptureStdout();
+  MVLog::createNewLog("RootApp");
+  EXPECT_TRUE(fs::is_directory(MVLog::logFolder()));
+  writeFile(logPath("RootApp"), "the user's own log\n");
+  MVLog::createNewLog("RootApp");
+  std::string printed = testing::internal::GetCapturedStdout();
+  MVLog::overrideRunningAsRoot(false);
+  const std::string complaint =
+      "Unable to create log file " + machineFolder + "/RootApp.1.log - No such file or directory\n";
+  EXPECT_EQ(printed, complaint + complaint);
+  EXPECT_FALSE(fs::exists(machineFolder));
+  EXPECT_EQ(readFile(logPath("RootApp")), "the user's own log\n");
+}
+
+TEST_F(MVLogTest, CaughtExceptionsAreLoggedWithNameAndReason) {
+  MVLog::createNewLog("Exceptions", true);
+  std::string message = MVException::logException(std::runtime_error("disk full"), "writeFile");
+  EXPECT_EQ(message, "Exception in writeFile. std::runtime_error - disk full.");
+  EXPECT_EQ(MVException::logException("NSPortTimeoutException", "no answer in %@", nullptr),
+            "Exception in (null). NSPortTimeoutException - no answer in %@.");
+  EXPECT_TRUE(MVException::didTimeout("NSPortTimeoutException"));
+  MVLog::finishWriting();
+  auto lines = messages(logPath("Exceptions"));
+  EXPECT_TRUE(contains(lines, "Exception in writeFile. std::runtime_error - disk full."));
+  EXPECT_TRUE(contains(lines, "Exception in (null). NSPortTimeoutException - no answer in (null)."));
+}
+
+TEST(MVLogDeathTest, EscapingExceptionIsLoggedBeforeAbort) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  // The child is a fresh run of this program with a home of its own; it
+  // writes into this process's home so the file can be read here.
+  setenv("QUILLON_LOG_PARENT_HOME", quillon_test::testHome().c_str(), 0);
+  const std::string parentHome = getenv("QUILLON_LOG_PARENT_HOME");
+  auto escape = [&] {
+    if (quillon_test::testHome() != parentHome) fs::remove_all(quillon_test::testHome());
+    setenv("HOME", parentHome.c_str(), 1);
+    MVLog::overrideRunningAsRoot(false);
+    MVLog::createNewLog("Crash", true);
+    std::thread([] { throw std::runtime_error("render queue broke at 50% (%@)"); }).join();
+  };
+  EXPECT_DEATH(escape(), "render queue broke");
+  auto lines = messages(MVLog::logFolder() + "/Crash.1.log");
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.back(), "render queue broke at 50% ((null))");
+}

@@ -1,0 +1,314 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <dirent.h>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "MVLog.h"
+#include "MVRunLoop.h"
+#include "MVTaskEx.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+
+namespace {
+
+std::string logText() {
+  MVLog::finishWriting();
+  return readFile(MVLog::currentLogPath());
+}
+
+// An executable shell script in a fresh folder; its path is unique, so log
+// lines that name it belong to the test that made it.
+std::string script(const std::string& body, const std::string& name = "tool") {
+  std::string path = makeTempDir("task") + "/" + name;
+  writeFile(path, "#!/bin/sh\n" + body + "\n");
+  chmod(path.c_str(), 0755);
+  return path;
+}
+
+std::string text(const std::optional<MVTaskEx::Data>& data) {
+  return data ? std::string(data->begin(), data->end()) : "<none>";
+}
+
+// Children of this process that have exited and were never collected.
+int zombieChildren() {
+  int zombies = 0;
+  std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+  while (const dirent* entry = readdir(proc.get())) {
+    if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+    std::string stat = readFile(std::string("/proc/") + entry->d_name + "/stat");
+    std::size_t close = stat.rfind(')');
+    if (close == std::string::npos) continue;
+    char state = 0;
+    int parent = 0;
+    if (sscanf(stat.c_str() + close + 1, " %c %d", &state, &parent) == 2 && parent == getpid() && state == 'Z')
+      ++zombies;
+  }
+  return zombies;
+}
+
+// Runs `work` on a worker thread while the main thread turns its loop, as
+// the agent's background jobs do; the time-outs need the free main thread.
+template <typename Result>
+Result onWorker(const std::function<Result()>& work, std::atomic<bool>* started = nullptr) {
+  std::atomic<bool> done{false};
+  Result result{};
+  std::thread worker([&] {
+    result = work();
+    done = true;
+  });
+  if (started) *started = true;
+  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 60));
+  worker.join();
+  return result;
+}
+
+class MVTaskExTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    // As root the log would go to the machine's folder; keep it in the test home.
+    MVLog::overrideRunningAsRoot(false);
+    MVLog::createNewLog("test_MVTaskEx");
+  }
+};
+
+}  // namespace
+
+TEST_F(MVTaskExTest, OutputWinsOverErrorTextWhichWinsOverNothing) {
+  struct Case {
+    const char* body;
+    bool logError;
+    const char* expected;
+  } cases[] = {
+      {"echo out", true, "out\n"},
+      {"echo err >&2", true, "err\n"},
+      {"echo err >&2; echo out; echo more >&2", true, "out\n"},
+      {"exit 0", true, ""},
+      {"echo err >&2", false, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body);
+    std::optional<MVTaskEx::Data> data =
+        MVTaskEx::dataFromTask("/bin/sh", {"-c", c.body}, nullptr, std::nullopt, true, c.logError);
+    EXPECT_EQ(text(data), c.expected);
+    if (c.logError) {
+      EXPECT_EQ(MVTaskEx::stringFromTask("/bin/sh", {"-c", c.body}), c.expected);
+    }
+  }
+  // The environment, when given, replaces the agent's.
+  auto data = MVTaskEx::dataFromTask("/bin/sh", {"-c", "printf \"$GREETING-$HOME\""}, nullptr,
+                                     MVTaskEx::Environment{{"GREETING", "hi"}}, true, true);
+  EXPECT_EQ(text(data), "hi-");
+  // Input is a pipe nobody writes to: a program that reads it ends.
+  EXPECT_EQ(MVTaskEx::stringFromTask("/bin/cat"), "");
+}
+
+TEST_F(MVTaskExTest, ChattyProgramsCannotStallTheReader) {
+  const char* floodErrorsFirst = "head -c 1048576 /dev/zero | tr '\\0' e >&2; echo done";
+  EXPECT_EQ(MVTaskEx::stringFromTask("/bin/sh", {"-c", floodErrorsFirst}), "done\n");
+
+  const char* floodBoth =
+      "i=0; while [ $i -lt 16 ]; do head -c 65536 /dev/zero | tr '\\0' o; head -c 65536 /dev/zero >&2;"
+      " i=$((i+1)); done";
+  std::optional<MVTaskEx::Data> data = MVTaskEx::dataFromTask("/bin/sh", {"-c", floodBoth}, nullptr);
+  ASSERT_TRUE(data);
+  EXPECT_EQ(data->size(), 1048576u);
+  EXPECT_EQ(std::count(data->begin(), data->end(), 'o'), 1048576);
+}
+
+TEST_F(MVTaskExTest, RefusesWhatIsNotAnExecutableFile) {
+  std::string folder = makeTempDir("refused");
+  std::string bundle = folder + "/Render.app";
+  writeFile(bundle + "/Contents/MacOS/Render", "#!/bin/sh\n");
+  chmod(bundle.c_str(), 0755);
+  std::string plain = folder + "/notes.txt";
+  writeFile(plain, "echo no\n");
+  chmod(plain.c_str(), 0644);
+
+  for (const std::string& path : {bundle, plain, folder + "/missing"}) {
+    SCOPED_TRACE(path);
+    EXPECT_FALSE(MVTaskEx::isExecutable(path));
+    EXPECT_FALSE(MVTaskEx::runTask(path));
+    EXPECT_FALSE(MVTaskEx::runTaskAndReturn(path));
+    EXPECT_EQ(MVTaskEx::terminationCodeFromTask(path), -1);
+    EXPECT_FALSE(MVTaskEx::dataFromTask(path, {}, nullptr));
+    EXPECT_EQ(MVTaskEx::stringFromTask(path, {}, kMVUTF8StringEncoding, 5.0), "");
+    EXPECT_NE(logText().find("Error: " + path + " is not executable"), std::string::npos);
+  }
+}
+
+TEST_F(MVTaskExTest, RelativePathPassesTheCheckButNotTheLauncher) {
+  MVTaskEx::Task task;
+  EXPECT_FALSE(MVTaskEx::runTask("bin/true-relative", {}, &task));
+  ASSERT_TRUE(task);
+  EXPECT_FALSE(task->isLaunched());
+  EXPECT_NE(logText().find("Exception running task bin/true-relative: "), std::string::npos);
+  EXPECT_EQ(logText().find("Error: bin/true-relative is not executable"), std::string::npos);
+}
+
+TEST_F(MVTaskExTest, ExitStatusAndHandedOutProcess) {
+  EXPECT_TRUE(MVTaskEx::runTask("/bin/true"));
+  EXPECT_FALSE(MVTaskEx::runTask("/bin/false"));
+  EXPECT_EQ(MVTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 3"}), 3);
+  // Ended by a signal: the signal number, as the platform reports it.
+  EXPECT_EQ(MVTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "kill -9 $$"}), 9);
+
+  MVTaskEx::Task task;
+  EXPECT_EQ(MVTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 7"}, &task), 7);
+  ASSERT_TRUE(task);
+  EXPECT_EQ(task->launchPath(), "/bin/sh");
+  EXPECT_TRUE(task->isLaunched());
+  EXPECT_FALSE(task->isRunning());
+  EXPECT_EQ(task->waitUntilExit(), 7);
+  task->terminate();  // after exit: nothing to do
+
+  // Exec failing in the child is reported, not mistaken for exit code 127.
+  std::string broken = script("", "broken");
+  writeFile(broken, "#!/nonexistent/interpreter\n");
+  EXPECT_EQ(MVTaskEx::terminationCodeFromTask(broken), -1);
+  EXPECT_NE(logText().find("Exception running task " + broken + ": "), std::string::npos);
+}
+
+TEST_F(MVTaskExTest, TimeoutTerminatesWhenTheMainThreadIsFree) {
+  std::string tool = script("echo partial; sleep 30; echo late");
+  std::string output = onWorker<std::string>([&] { return MVTaskEx::stringFromTask(tool, {}, 1.0); });
+  EXPECT_EQ(output, "partial\n");
+  EXPECT_NE(logText().find("Task " + tool + " timed out. Terminating..."), std::string::npos);
+
+  int code = onWorker<int>([] { return MVTaskEx::terminationCodeFromTask("/bin/sleep", {"30"}, 1.9); });
+  EXPECT_EQ(code, SIGTERM);
+
+  // A program that ends in time is left alone.
+  std::string quick = script("echo quick");
+  EXPECT_EQ(onWorker<std::string>([&] { return MVTaskEx::stringFromTask(quick, {}, 10.0); }), "quick\n");
+  EXPECT_EQ(logText().find("Task " + quick + " timed out"), std::string::npos);
+}
+
+TEST_F(MVTaskExTest, BusyMainThreadDelaysTheTimeout) {
+  std::atomic<bool> done{false};
+  int code = 0;
+  std::thread worker([&] {
+    code = MVTaskEx::terminationCodeFromTask("/bin/sleep", {"30"}, 1.0);
+    done = true;
+  });
+  // The main thread is busy well past the time-out: nothing may end the program.
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+  EXPECT_FALSE(done);
+  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 20));
+  worker.join();
+  EXPECT_EQ(code, SIGTERM);
+
+  // Called from the main thread itself, the time-out can only act afterwards.
+  std::string tool = script("sleep 2; exit 4");
+  EXPECT_EQ(MVTaskEx::terminationCodeFromTask(tool, {}, 0.5), 4);
+  MVRunLoop::main().runFor(0.2);
+  EXPECT_EQ(logText().find("Task " + tool + " timed out"), std::string::npos);
+}
+
+TEST_F(MVTaskExTest, RunTaskWithTimeoutNeverTerminates) {
+  std::string tool = script("sleep 2; exit 0");
+  EXPECT_TRUE(onWorker<bool>([&] { return MVTaskEx::runTask(tool, {}, 1.0); }));
+  EXPECT_EQ(logText().find("Task " + tool + " timed out"), std::string::npos);
+}
+
+TEST_F(MVTaskExTest, AsyncRunnerDeliversChunksThenOneEmptyCall) {
+  struct Call {
+    std::string data;
+    bool onMain;
+    int object;
+  };
+  std::mutex mutex;
+  std::vector<Call> calls;
+  auto runner = MVTaskEx::create();
+  std::weak_ptr<MVTaskEx> weak = runner;
+  runner->asyncDataFromTask(
+      "/bin/sh", {"-c", "printf one; sleep 0.3; printf two >&2; printf two; sleep 0.3; printf three"},
+      [&](const MVTaskEx::Data& data, const std::shared_ptr<MVTaskEx>& from, const std::any& object) {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(from, weak.lock());
+        calls.push_back({std::string(data.begin(), data.end()), MVRunLoop::main().isMainThread(),
+                         object.has_value() ? std::any_cast<int>(object) : -1});
+      },
+      42);
+  runner.reset();  // the run keeps its runner alive until the end
+  EXPECT_TRUE(waitUntil([&] { return weak.expired(); }, 20));
+
+  std::lock_guard<std::mutex> lock(mutex);
+  ASSERT_GE(calls.size(), 2u);
+  std::string joined;
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    EXPECT_EQ(calls[i].data.empty(), i + 1 == calls.size());
+    EXPECT_FALSE(calls[i].onMain);
+    EXPECT_EQ(calls[i].object, 42);
+    joined += calls[i].data;
+  }
+  EXPECT_EQ(joined, "onetwothree");
+}
+
+TEST_F(MVTaskExTest, AsyncRunnerStopsOnRequestAndReportsBadPaths) {
+  std::atomic<int> chunks{0};
+  auto runner = MVTaskEx::create();
+  runner->asyncDataFromTask("/bin/sh", {"-c", "echo first; exec sleep 30"},
+                            [&](const MVTaskEx::Data&, const std::shared_ptr<MVTaskEx>&, const std::any&) { ++chunks; });
+  ASSERT_TRUE(waitUntil([&] { return chunks > 0; }, 10));
+  MVTaskEx::Task task = runner->theTask();
+  ASSERT_TRUE(task);
+  runner->terminateAsyncTask();
+  EXPECT_FALSE(runner->theTask());
+  EXPECT_TRUE(waitUntil([&] { return !task->isRunning(); }, 10));
+  EXPECT_EQ(task->waitUntilExit(), SIGTERM);
+
+  std::atomic<bool> called{false};
+  auto refused = MVTaskEx::create();
+  refused->asyncDataFromTask(makeTempDir("async") + "/missing", {},
+                             [&](const MVTaskEx::Data&, const std::shared_ptr<MVTaskEx>&, const std::any&) { called = true; });
+  EXPECT_TRUE(waitUntil([] {
+    return logText().find("Unable to launch async task - task does not exist or is not executable") != std::string::npos;
+  }, 10));
+  EXPECT_FALSE(called);
+}
+
+TEST_F(MVTaskExTest, EveryChildIsReaped) {
+  std::string marker = makeTempDir("reap") + "/ran";
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(MVTaskEx::runTaskAndReturn("/bin/sh", {"-c", "touch " + marker}));
+  // Closes its output early and lives on: the reader returns, someone must still reap it.
+  EXPECT_EQ(MVTaskEx::stringFromTask("/bin/sh", {"-c", "echo early; exec >&- 2>&-; sleep 0.5"}), "early\n");
+  onWorker<int>([] { return MVTaskEx::terminationCodeFromTask("/bin/sleep", {"30"}, 1.0); });
+  EXPECT_TRUE(waitUntil([&] { return fileExists(marker); }, 10));
+  EXPECT_TRUE(waitUntil([] { return zombieChildren() == 0; }, 10));
+}
+
+TEST_F(MVTaskExTest, DecodesTheEncodings) {
+  using Bytes = std::vector<std::uint8_t>;
+  struct Case {
+    Bytes data;
+    MVStringEncoding encoding;
+    std::optional<std::string> expected;
+  } cases[] = {
+      {{'a', 0xE9}, kMVASCIIStringEncoding, "a\xC3\xA9"},
+      {{'a', 0xE9}, kMVISOLatin1StringEncoding, "a\xC3\xA9"},
+      {{'a', 0xC3, 0xA9}, kMVUTF8StringEncoding, "a\xC3\xA9"},
+      {{'a', 0xE9}, kMVUTF8StringEncoding, std::nullopt},
+      {{0xC0, 0x80}, kMVUTF8StringEncoding, std::nullopt},  // overlong
+      {{0x00, 'h', 0x00, 'i'}, kMVUnicodeStringEncoding, "hi"},
+      {{0xFF, 0xFE, 'h', 0x00, 0x3D, 0xD8, 0x00, 0xDE}, kMVUnicodeStringEncoding, "h\xF0\x9F\x98\x80"},
+      {{'h', 0x00}, kMVUTF16LittleEndianStringEncoding, "h"},
+      {{0x00, 'h', 0x00}, kMVUnicodeStringEncoding, std::nullopt},
+      {{0xD8, 0x3D}, kMVUnicodeStringEncoding, std::nullopt},  // lone surrogate
+      {{'x'}, static_cast<MVStringEncoding>(99), std::nullopt},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(static_cast<unsigned long>(c.encoding));
+    EXPECT_EQ(MVDecodeString(c.data, c.encoding), c.expected);
+  }
+  std::string accented = script("printf 'caf\\303\\251'");
+  EXPECT_EQ(MVTaskEx::stringFromTask(accented, {}, kMVUTF8StringEncoding, 10.0), "caf\xC3\xA9");
+  EXPECT_EQ(MVTaskEx::stringFromTask(accented), "caf\xC3\x83\xC2\xA9");
+  std::string invalid = script("printf 'caf\\351'");
+  EXPECT_EQ(MVTaskEx::stringFromTask(invalid, {}, kMVUTF8StringEncoding, 10.0), "");
+}

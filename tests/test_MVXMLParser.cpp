@@ -1,0 +1,340 @@
+// XML trees and the query shortcuts over them: escaping, ancestor and
+// sibling walks, the transition walk of edit-decision lists, and parsing
+// that survives malformed input without ever reading outside the document.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "MVLog.h"
+#include "MVXMLParser.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+
+namespace {
+
+MVXMLDocument parse(const std::string& xml, unsigned options = MVXMLDocument::kNone) {
+  std::string error;
+  auto doc = MVXMLDocument::documentWithData(xml, options, &error);
+  if (!doc) ADD_FAILURE() << "parse failed: " << error << "\n" << xml;
+  return doc ? *doc : *MVXMLDocument::documentWithData("<empty/>");
+}
+
+std::vector<std::string> ids(const std::vector<MVXMLNode>& nodes) {
+  std::vector<std::string> out;
+  for (const MVXMLNode& node : nodes) out.push_back(node.attributeForName("id").value_or("?"));
+  return out;
+}
+
+// The lines logged while `body` runs.
+template <typename Body>
+std::string loggedDuring(Body body) {
+  MVLog::overrideRunningAsRoot(false);
+  MVLog::createNewLog("XMLParserTest", true);
+  MVLog::finishWriting();
+  std::size_t before = readFile(MVLog::currentLogPath()).size();
+  body();
+  MVLog::finishWriting();
+  return readFile(MVLog::currentLogPath()).substr(before);
+}
+
+std::size_t occurrences(const std::string& text, const std::string& what) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+  return count;
+}
+
+const char* kProject = R"(<?xml version="1.0"?>
+<project id="p">
+  <name>Feature%20Cut</name>
+  <sequence id="s">
+    <uuid>1234-ABCD</uuid>
+    <track id="t">
+      <clipitem id="outer">
+        <clipitem id="inner"><name>Shot%zz</name></clipitem>
+      </clipitem>
+      <clipitem id="Caf%C3%A9"/>
+      <clipitem id="plain%2Fid"/>
+    </track>
+  </sequence>
+  <bin id="b"><item id="deep"><sub><name>Deep</name></sub></item></bin>
+</project>)";
+
+}  // namespace
+
+TEST(MVXMLParserTest, EscapingWorksOnUTF16UnitsAndNeverReadsPastTheString) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"a&amp;b", "a&amp;b"},
+      {"a&b", "a&amp;b"},
+      {"&", "&amp;"},            // shorter than the five-unit look-ahead
+      {"&am", "&amp;am"},
+      {"&amp", "&amp;amp"},      // four units: still too short to be the entity
+      {"x&amp;", "x&amp;"},
+      {"caf\xc3\xa9", "caf&#233;"},
+      {"\xc2\xa0", "&#160;"},
+      {"\xc2\x9f", "\xc2\x9f"},  // 159 passes through
+      {"\xf0\x9f\x98\x80", "&#55357;&#56832;"},  // each surrogate on its own
+      {"\xff", "&#65533;"},      // invalid UTF-8 reads as a replacement character
+      {"line\r", "line&#13;"},
+      {"a\tb\nc\x13", "abc"},
+      {"\x14 <'\"> kept", "\x14 <'\"> kept"},
+  };
+  std::string log = loggedDuring([&] {
+    for (const auto& [query, escaped] : cases) EXPECT_EQ(MVXMLParser::escapeQueryString(query), escaped) << query;
+  });
+  EXPECT_EQ(occurrences(log, "Stripped character"), 3u) << log;
+}
+
+TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) {
+  MVXMLDocument doc = parse(kProject);
+  MVXMLNode root = doc.rootElement();
+
+  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//clipitem/@id", root),
+            (std::vector<std::string>{"outer", "inner", "Caf%C3%A9", "plain%2Fid"}));
+  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//missing", root), std::nullopt);
+  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//clipitem", MVXMLNode()), std::nullopt);
+  EXPECT_EQ(MVXMLParser::stringValueForQuery("./sequence[1]/uuid[1]/text()", root), "1234-ABCD");
+  EXPECT_EQ(MVXMLParser::stringValueForQuery("./nothing", root), std::nullopt);
+  EXPECT_EQ(ids({MVXMLParser::nodeForQuery(".//track", root)}), (std::vector<std::string>{"t"}));
+  EXPECT_TRUE(MVXMLParser::nodeForQuery(".//nothing", root).isNull());
+
+  // Each node once, in the order first met; queryNodes keeps duplicates.
+  auto collected = MVXMLParser::node(root, std::vector<std::string>{".//track", ".//clipitem[1]", ".//track"});
+  EXPECT_EQ(ids(collected), (std::vector<std::string>{"t", "outer", "inner"}));
+  auto tracks = doc.nodesForXPath("//track | //sequence");
+  EXPECT_EQ(ids(MVXMLParser::queryNodes(tracks, ".//clipitem[@id='outer']")),
+            (std::vector<std::string>{"outer", "outer"}));
+
+  std::string log = loggedDuring([&] {
+    EXPECT_TRUE(MVXMLParser::stringValueForQuery("//clipitem[", root) == std::nullopt);
+    EXPECT_TRUE(MVXMLParser::nodesForQuery("//clipitem[", root).empty());
+    EXPECT_EQ(ids(MVXMLParser::node(root, std::vector<std::string>{"][", ".//track"})),
+              (std::vector<std::string>{"t"}));
+  });
+  EXPECT_EQ(occurrences(log, "XML parsing error: "), 2u) << log;
+}
+
+TEST(MVXMLParserTest, NamesUuidsAndIdsArePercentUnescapedWhenTheyCanBe) {
+  MVXMLDocument doc = parse(kProject);
+  auto item = [&](const std::string& id) { return doc.nodesForXPath("//*[@id='" + id + "']").at(0); };
+
+  EXPECT_EQ(MVXMLParser::nameForNode(item("p")), "Feature Cut");
+  EXPECT_EQ(MVXMLParser::nameForNode(item("inner")), "Shot%zz");          // bad escape: raw text
+  EXPECT_EQ(MVXMLParser::nameForNode(item("outer")), "Shot%zz");          // from a descendant
+  EXPECT_EQ(MVXMLParser::nameForNode(item("outer"), true), std::nullopt);
+  EXPECT_EQ(MVXMLParser::nameForNode(item("plain%2Fid")), "plain/id");    // the id as fallback
+  EXPECT_EQ(MVXMLParser::nameForNode(item("Caf%C3%A9")), "Caf%C3%A9");    // not ASCII: raw
+  EXPECT_EQ(MVXMLParser::nameForNode(item("deep")), "Deep");
+  EXPECT_EQ(MVXMLParser::nameForNode(MVXMLNode()), std::nullopt);
+
+  EXPECT_EQ(MVXMLParser::uuidForNode(item("p")), "1234-ABCD");
+  EXPECT_EQ(MVXMLParser::uuidForNode(item("p"), true), std::nullopt);
+  EXPECT_EQ(MVXMLParser::uuidForNode(item("t")), std::nullopt);           // no id fallback
+
+  EXPECT_EQ(MVXMLParser::idAttributeForNode(item("plain%2Fid")), "plain/id");
+  EXPECT_EQ(MVXMLParser::idAttributeForNode(item("Caf%C3%A9")), std::nullopt);
+  EXPECT_EQ(MVXMLParser::idAttributeForNode(doc.nodesForXPath("//sub").at(0)), std::nullopt);
+  EXPECT_EQ(MVPercentUnescapeASCII("100%"), std::nullopt);
+  EXPECT_EQ(MVPercentUnescapeASCII("caf\xc3\xa9%21"), "caf\xc3\xa9!");
+}
+
+TEST(MVXMLParserTest, AncestorSearchStopsAtLimitsAndNeverTestsTheNodeItself) {
+  MVXMLDocument doc = parse(kProject);
+  MVXMLNode inner = doc.nodesForXPath("//clipitem[@id='inner']").at(0);
+  using Limits = std::vector<std::string>;
+
+  EXPECT_EQ(ids({MVXMLParser::node(inner, "clipitem")}), Limits{"outer"});
+  EXPECT_EQ(ids({MVXMLParser::node(inner, "project")}), Limits{"p"});
+  EXPECT_EQ(ids({MVXMLParser::node(inner, "project", Limits{"bin"})}), Limits{"p"});
+  EXPECT_TRUE(MVXMLParser::node(inner, "project", Limits{"sequence"}).isNull());
+  EXPECT_TRUE(MVXMLParser::node(inner, "sequence", Limits{"sequence"}).isNull());  // the limit wins
+  EXPECT_TRUE(MVXMLParser::node(inner, "nowhere").isNull());
+  EXPECT_TRUE(MVXMLParser::node(doc.rootElement(), "project").isNull());
+  EXPECT_TRUE(MVXMLParser::node(MVXMLNode(), "project").isNull());
+  // An attribute's ancestors start at its element.
+  MVXMLNode attribute = doc.nodesForXPath("//clipitem[@id='inner']/@id").at(0);
+  EXPECT_EQ(ids({MVXMLParser::node(attribute, "clipitem")}), Limits{"inner"});
+}
+
+TEST(MVXMLParserTest, NextSiblingClimbsOutOfFinishedSubtrees) {
+  MVXMLDocument doc = parse(kProject);
+  auto next = [&](const std::string& query) { return MVXMLParser::nextSiblingForNode(doc.nodesForXPath(query).at(0)); };
+
+  EXPECT_EQ(ids({next("//clipitem[@id='outer']")}), std::vector<std::string>{"Caf%C3%A9"});
+  EXPECT_EQ(ids({next("//clipitem[@id='inner']")}), std::vector<std::string>{"Caf%C3%A9"});
+  EXPECT_EQ(ids({next("//clipitem[@id='plain%2Fid']")}), std::vector<std::string>{"b"});
+  EXPECT_EQ(ids({next("//sequence/uuid/text()")}), std::vector<std::string>{"t"});
+  EXPECT_TRUE(next("//sub/name").isNull());
+  EXPECT_TRUE(MVXMLParser::nextSiblingForNode(MVXMLNode()).isNull());
+}
+
+TEST(MVXMLParserTest, ClipWalkFollowsTransitionEdgesBothWays) {
+  MVXMLDocument doc = parse(R"(<track>
+    <clipitem id="a"><start>0</start><end>-1</end></clipitem>
+    <transitionitem id="t1"><start>90</start><end>110</end></transitionitem>
+    <!-- a comment is not an item -->
+    <clipitem id="b"><start>-1</start><end>-1</end></clipitem>
+    <transitionitem id="t2"><start>190</start><end>210</end></transitionitem>
+    <clipitem id="c"><start>-1</start><end>300</end></clipitem>
+    <clipitem id="d"><start>300</start><end>400</end></clipitem>
+    <transitionitem id="t3"><start>390</start><end>410</end></transitionitem>
+    <clipitem id="e"><start>-1</start><end>500</end></clipitem>
+    <clipitem id="f"/>
+  </track>)");
+  struct Case {
+    const char* clip;
+    std::vector<std::string> affected;
+    long start, end;
+  };
+  const Case cases[] = {
+      {"b", {"a", "t1", "b", "t2", "c"}, 0, 300},
+      {"a", {"a", "t1", "b", "t2", "c"}, 0, 300},
+      {"c", {"a", "t1", "b", "t2", "c"}, 0, 300},
+      {"d", {"d"}, 300, 400},
+      // t3's own predecessor ends at 400, so the walk takes t3's start.
+      {"e", {"t3", "e"}, 390, 500},
+      {"f", {"f"}, 0, 0},
+  };
+  for (const Case& c : cases) {
+    MVXMLNode clip = doc.nodesForXPath(std::string("//*[@id='") + c.clip + "']").at(0);
+    long start = -99, end = -99;
+    EXPECT_EQ(ids(MVXMLParser::affectedNodesForClip(clip, &start, &end)), c.affected) << c.clip;
+    EXPECT_EQ(start, c.start) << c.clip;
+    EXPECT_EQ(end, c.end) << c.clip;
+  }
+  EXPECT_EQ(MVXMLParser::affectedNodesForClip(doc.nodesForXPath("//*[@id='b']").at(0)).size(), 5u);
+  EXPECT_TRUE(MVXMLParser::affectedNodesForClip(MVXMLNode()).empty());
+}
+
+TEST(MVXMLParserTest, FileURLsBecomePaths) {
+  const std::pair<std::optional<std::string>, std::optional<std::string>> cases[] = {
+      {std::nullopt, std::nullopt},
+      {"file:///Users/ann/Movies/a%20b.mov", "/Users/ann/Movies/a b.mov"},
+      {"file://localhost/tmp/renders/", "/tmp/renders"},
+      {"file:///caf%C3%A9.mov", "/caf\xc3\xa9.mov"},
+      {"/plain/path", "/plain/path"},
+      {"http://host/a/b?q=1#frag", "/a/b"},
+      {"file:///", "/"},
+      {"file:///bad%ZZ", std::nullopt},
+      {"file:///a%FF", std::nullopt},
+      {"file:///with space", std::nullopt},
+      {"mailto:ann@example.com", std::nullopt},
+      {"", std::nullopt},
+  };
+  for (const auto& [url, path] : cases)
+    EXPECT_EQ(MVXMLParser::filenameFromPathURLString(url), path) << url.value_or("(null)");
+}
+
+TEST(MVXMLParserTest, MalformedInputFailsStrictlyAndIsRepairedWhenTidy) {
+  struct Case {
+    std::string xml;
+    bool tidyParses;
+    const char* text;  // the root's text after repair
+  };
+  const Case cases[] = {
+      {"<a><b>text</a>", true, "text"},
+      {"<a>fish & chips</a>", true, "fish  chips"},
+      {"<a><b></b>", true, ""},
+      {"plain text, no markup", false, ""},
+      {"", false, ""},
+      {std::string("<a>\0\x01\xff\xfe</a>", 11), true, nullptr},
+      {std::string("\xff\xfe\x00<\x00x\x00>", 8), false, nullptr},
+  };
+  for (const Case& c : cases) {
+    std::string error;
+    EXPECT_FALSE(MVXMLDocument::documentWithData(c.xml, MVXMLDocument::kNone, &error)) << c.xml;
+    EXPECT_FALSE(error.empty()) << c.xml;
+    error.clear();
+    auto tidy = MVXMLDocument::documentWithData(c.xml, MVXMLDocument::kTidyXML, &error);
+    if (!c.tidyParses) {
+      EXPECT_FALSE(tidy.has_value()) << c.xml;
+      EXPECT_FALSE(error.empty()) << c.xml;
+      continue;
+    }
+    if (!tidy) {
+      // Some noise defeats even the repair; failing cleanly is what counts.
+      EXPECT_EQ(c.text, nullptr) << c.xml << ": " << error;
+      continue;
+    }
+    EXPECT_EQ(tidy->rootElement().name(), "a");
+    if (c.text) {
+      EXPECT_EQ(tidy->rootElement().stringValue(), c.text) << c.xml;
+    }
+  }
+  std::string error;
+  auto doc = MVXMLDocument::documentWithData("<a>\n<b>\n</a>", MVXMLDocument::kNone, &error);
+  EXPECT_FALSE(doc);
+  EXPECT_NE(error.find("Line 3"), std::string::npos) << error;
+  EXPECT_FALSE(MVXMLDocument::documentWithContentsOfFile(testHome() + "/missing.xml", MVXMLDocument::kNone, &error));
+  EXPECT_NE(error.find("missing.xml"), std::string::npos) << error;
+}
+
+TEST(MVXMLParserTest, ExternalEntitiesAndDTDsAreNeverLoaded) {
+  std::string dir = makeTempDir("xxe");
+  writeFile(dir + "/secret.txt", "TOPSECRET");
+  writeFile(dir + "/defs.dtd", "<!ENTITY leak \"TOPSECRET\">");
+  const std::string documents[] = {
+      "<!DOCTYPE r [<!ENTITY x SYSTEM \"file://" + dir + "/secret.txt\">]><r>&x;</r>",
+      "<!DOCTYPE r [<!ENTITY x SYSTEM \"" + dir + "/secret.txt\">]><r a=\"1\">&x;</r>",
+      "<!DOCTYPE r SYSTEM \"file://" + dir + "/defs.dtd\"><r>&leak;</r>",
+      "<!DOCTYPE r [<!ENTITY % p SYSTEM \"file://" + dir + "/defs.dtd\"> %p;]><r>&leak;</r>",
+  };
+  for (const std::string& xml : documents) {
+    for (unsigned options : {unsigned(MVXMLDocument::kNone), unsigned(MVXMLDocument::kTidyXML)}) {
+      auto doc = MVXMLDocument::documentWithData(xml, options);
+      if (!doc) continue;  // refusing the document is as good as not loading
+      EXPECT_EQ(doc->rootElement().stringValue().find("TOPSECRET"), std::string::npos) << xml;
+      EXPECT_EQ(doc->xmlString().find("TOPSECRET"), std::string::npos) << xml;
+      EXPECT_TRUE(doc->nodesForXPath("//text()[contains(., 'TOPSECRET')]").empty()) << xml;
+    }
+  }
+}
+
+TEST(MVXMLParserTest, DocumentTreeNavigationEditingAndWriting) {
+  std::optional<MVXMLNode> keep;
+  {
+    MVXMLDocument doc = parse(R"(<PremiereData>
+      <ScratchDiskSettings>
+        <AudioPreviewLocation>SameAsProject</AudioPreviewLocation>
+        <VideoPreviewLocation>MyDocuments</VideoPreviewLocation>
+      </ScratchDiskSettings>
+      <Job name="a.mov" kind="render"/>
+    </PremiereData>)");
+    MVXMLNode root = doc.rootElement();
+    EXPECT_EQ(root.parent().kind(), MVXMLNode::Kind::Document);
+    EXPECT_EQ(root.children().size(), 2u);  // indentation is not content
+    MVXMLNode job = root.children().at(1);
+    EXPECT_EQ(job.attributes(), (std::vector<std::pair<std::string, std::string>>{{"name", "a.mov"}, {"kind", "render"}}));
+    EXPECT_EQ(job.attributeForName("kind"), "render");
+    EXPECT_EQ(job.attributeForName("none"), std::nullopt);
+    EXPECT_EQ(job.previousSibling().name(), "ScratchDiskSettings");
+    EXPECT_TRUE(job.nextSibling().isNull());
+    EXPECT_EQ(job.xmlString(), "<Job name=\"a.mov\" kind=\"render\"/>");
+
+    // The XPath 2.0 "(Video | Audio)[1]" step, written in XPath 1.0.
+    auto hits = doc.nodesForXPath(
+        "(./PremiereData[1]/ScratchDiskSettings[1]/VideoPreviewLocation | "
+        "./PremiereData[1]/ScratchDiskSettings[1]/AudioPreviewLocation)[1]/text()");
+    ASSERT_EQ(hits.size(), 1u);
+    EXPECT_EQ(hits[0].stringValue(), "SameAsProject");
+    std::string error;
+    EXPECT_TRUE(doc.nodesForXPath("count(//Job)", &error).empty());
+    EXPECT_FALSE(error.empty());
+
+    EXPECT_TRUE(doc.nodesForXPath("//AudioPreviewLocation").at(0).setStringValue("/Volumes/A & <B>"));
+    EXPECT_TRUE(doc.nodesForXPath("//Job/@name").at(0).setStringValue("b \"c\".mov"));
+    EXPECT_FALSE(doc.node().setStringValue("x"));
+    std::string path = makeTempDir("write") + "/prefs.xml";
+    ASSERT_TRUE(doc.writeToFile(path, true));
+    auto reread = MVXMLDocument::documentWithContentsOfFile(path);
+    ASSERT_TRUE(reread);
+    EXPECT_EQ(MVXMLParser::stringValueForQuery("//AudioPreviewLocation", reread->rootElement()), "/Volumes/A & <B>");
+    EXPECT_EQ(reread->rootElement().children().at(1).attributeForName("name"), "b \"c\".mov");
+    keep = job;
+  }
+  // A node keeps its document alive after the document value is gone.
+  EXPECT_EQ(keep->parent().name(), "PremiereData");
+}

@@ -1,0 +1,156 @@
+// The settings store: where it lives, the three reader tests, damaged files
+// and writes that keep the preferences application's file intact.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "MVLocalPaths.h"
+#include "MVPropertyList.h"
+#include "QuillonPreferences.h"
+#include "TestSupport.h"
+
+using namespace quillon_test;
+using namespace QuillonSettingsKeys;
+namespace fs = std::filesystem;
+
+namespace {
+
+int python(const std::string& script) {
+  std::string file = makeTempDir("py") + "/script.py";
+  writeFile(file, "import plistlib\npath = '" + QuillonPreferences::settingsPath() + "'\n" + script);
+  return shell("/usr/bin/python3 " + file);
+}
+
+class QuillonPreferencesTest : public ::testing::Test {
+ protected:
+  void SetUp() override { fs::remove(QuillonPreferences::settingsPath()); }
+  void TearDown() override { fs::remove(QuillonPreferences::settingsPath()); }
+};
+
+}  // namespace
+
+TEST_F(QuillonPreferencesTest, ReaderTestsOverATableOfValues) {
+  struct Case {
+    const char* name;
+    MVPlistValue value;
+    bool equalToOne;
+    bool presentOrOne;
+    bool nonEmpty;
+  };
+  const Case cases[] = {
+      {"one", 1, true, true, false},
+      {"two", 2, false, false, false},
+      {"zero", 0, false, false, false},
+      {"minusOne", -1, false, false, false},
+      {"string1", "1", true, true, true},
+      {"string1abc", "1abc", true, true, true},  // leading digits count
+      {"stringAbc", "abc", false, false, true},
+      {"true", true, true, true, false},
+      {"false", false, false, false, false},
+      {"real1", 1.0, true, true, false},
+      {"array", MVPlistValue::Array{"/a"}, false, false, true},
+      {"emptyArray", MVPlistValue::Array{}, false, false, false},
+      {"emptyString", "", false, false, false},
+      {"data", MVPlistValue::Data{0}, false, false, true},
+  };
+  MVPlistValue doc;
+  for (const Case& c : cases) doc.set(c.name, c.value);
+  ASSERT_TRUE(MVPropertyList::write(QuillonPreferences::settingsPath(), doc));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(c.equalToOne, QuillonPreferences::isEqualToOne(c.name));
+    EXPECT_EQ(c.presentOrOne, QuillonPreferences::isPresentOrOne(c.name));
+    EXPECT_EQ(c.nonEmpty, QuillonPreferences::isNonEmpty(c.name));
+  }
+  // Absent: only "present or 1" is on.
+  EXPECT_FALSE(QuillonPreferences::isEqualToOne("absent"));
+  EXPECT_TRUE(QuillonPreferences::isPresentOrOne("absent"));
+  EXPECT_FALSE(QuillonPreferences::isNonEmpty("absent"));
+}
+
+TEST_F(QuillonPreferencesTest, DamagedSettingsReadAsAbsentAndAreNotTouched) {
+  std::string path = QuillonPreferences::settingsPath();
+  std::string binary = *MVPropertyList::serialize(
+      MVPlistValue(MVPlistValue::Dictionary{{kWatchQmasterKey, 1}, {kNotifyGrowlKey, 0}}), MVPropertyList::Format::Binary);
+  for (const std::string& contents : {std::string(), binary.substr(0, binary.size() / 2), std::string("garbage\n")}) {
+    writeFile(path, contents);
+    EXPECT_TRUE(QuillonPreferences::objectForPreferenceDictionaryKey(kWatchQmasterKey).isNil());
+    EXPECT_FALSE(QuillonPreferences::isEqualToOne(kWatchQmasterKey));
+    EXPECT_TRUE(QuillonPreferences::isPresentOrOne(kNotifyGrowlKey));
+    EXPECT_TRUE(QuillonPreferences::isPresentOrOne(kNotifySoundKey));
+    EXPECT_EQ(contents, readFile(path));
+  }
+  // A root that is no dictionary answers nothing either.
+  ASSERT_TRUE(MVPropertyList::write(path, MVPlistValue::Array{1, 2}));
+  EXPECT_TRUE(QuillonPreferences::objectForPreferenceDictionaryKey("0").isNil());
+  fs::remove(path);
+  EXPECT_TRUE(QuillonPreferences::objectForPreferenceDictionaryKey(kWatchFoldersKey).isNil());
+  EXPECT_FALSE(fileExists(path));
+}
+
+TEST_F(QuillonPreferencesTest, EveryReadSeesTheFileAsItIsNow) {
+  ASSERT_EQ(0, python("plistlib.dump({'watchQmaster': 1, 'watchFolders': ['/Volumes/A']}, open(path, 'wb'), "
+                      "fmt=plistlib.FMT_BINARY)\n"));
+  EXPECT_TRUE(QuillonPreferences::isEqualToOne(kWatchQmasterKey));
+  EXPECT_TRUE(QuillonPreferences::isNonEmpty(kWatchFoldersKey));
+  ASSERT_EQ(0, python("plistlib.dump({'watchQmaster': 0}, open(path, 'wb'))\n"));
+  EXPECT_FALSE(QuillonPreferences::isEqualToOne(kWatchQmasterKey));
+  EXPECT_FALSE(QuillonPreferences::isNonEmpty(kWatchFoldersKey));
+}
+
+TEST_F(QuillonPreferencesTest, SetObjectKeepsFormatAndUnknownKeys) {
+  std::string path = QuillonPreferences::settingsPath();
+  ASSERT_EQ(0, python("plistlib.dump({'futureKey': {'x': [1, 2]}, 'watchAvidRenders': 0}, open(path, 'wb'), "
+                      "fmt=plistlib.FMT_BINARY)\n"));
+  QuillonPreferences::setObject(1, kWatchAvidRendersKey);
+  QuillonPreferences::setObject(MVPlistValue::Array{"/Volumes/Media"}, kWatchFoldersKey);
+  EXPECT_EQ(0, python("data = open(path, 'rb').read()\n"
+                      "assert data.startswith(b'bplist00'), data[:8]\n"
+                      "d = plistlib.loads(data)\n"
+                      "assert d == {'futureKey': {'x': [1, 2]}, 'watchAvidRenders': 1, "
+                      "'watchFolders': ['/Volumes/Media']}, d\n"));
+
+  // A nil value or an empty key changes nothing.
+  std::string before = readFile(path);
+  QuillonPreferences::setObject(MVPlistValue(), kWatchAvidRendersKey);
+  QuillonPreferences::setObject(1, "");
+  EXPECT_EQ(before, readFile(path));
+}
+
+TEST_F(QuillonPreferencesTest, SetObjectCreatesAnXmlFileWhenThereIsNone) {
+  EXPECT_EQ(testHome() + "/.config/com.morvane.Quillon.plist", QuillonPreferences::settingsPath());
+  fs::remove_all(MVLocalPaths::prefsDirectory(true));
+  QuillonPreferences::setObject("smtp.example.com", kEmailServerKey);
+  EXPECT_EQ(0, python("data = open(path, 'rb').read()\n"
+                      "assert data.startswith(b'<?xml'), data[:8]\n"
+                      "assert plistlib.loads(data) == {'emailServer': 'smtp.example.com'}\n"));
+  EXPECT_EQ("smtp.example.com", QuillonPreferences::objectForPreferenceDictionaryKey(kEmailServerKey).description());
+}
+
+TEST_F(QuillonPreferencesTest, ReadersOnOtherThreadsSeeTheOldOrTheNewFileNeverAHalfWrittenOne) {
+  QuillonPreferences::setObject("keep", kEmailServerKey);
+  QuillonPreferences::setObject(1, kLogoutActionKey);
+  std::atomic<bool> done{false};
+  std::atomic<int> torn{0};
+  std::atomic<int> reads{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 3; ++i)
+    readers.emplace_back([&] {
+      while (!done.load()) {
+        long long action = QuillonPreferences::objectForPreferenceDictionaryKey(kLogoutActionKey).integerValue();
+        bool server = QuillonPreferences::isNonEmpty(kEmailServerKey);
+        if ((action != 1 && action != 2) || !server) ++torn;
+        ++reads;
+      }
+    });
+  for (int i = 0; i < 200; ++i) QuillonPreferences::setObject(i % 2 + 1, kLogoutActionKey);
+  waitUntil([&] { return reads.load() > 100; }, 10);
+  done = true;
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(0, torn.load());
+  EXPECT_EQ(2, QuillonPreferences::objectForPreferenceDictionaryKey(kLogoutActionKey).integerValue());
+}

@@ -1,0 +1,382 @@
+// quillon-prefs as the user runs it: the settings file it writes (read back
+// with Python's plistlib), the secret store (read back with secret-tool),
+// the reload notice on a private session bus, and bad input of every kind.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "DesktopServices.h"
+#include "KeychainSecretService.h"
+#include "MVDistributedNotificationCenter.h"
+#include "MVEncryption.h"
+#include "MVKeychain.h"
+#include "PrivateSessionBus.h"
+#include "QuillonPreferences.h"
+#include "TestSupport.h"
+
+namespace {
+
+using quillon_test::readFile;
+using quillon_test::shell;
+using quillon_test::shellOutput;
+using quillon_test::writeFile;
+
+std::string quoted(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+struct Outcome {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool with `arguments` (already shell words), feeding `input`.
+Outcome prefs(const std::string& arguments, const std::string& input = "", const std::string& workingFolder = "") {
+  static const std::string scratch = quillon_test::makeTempDir("prefs-run");
+  writeFile(scratch + "/in", input);
+  std::string command = (workingFolder.empty() ? "" : "cd " + quoted(workingFolder) + " && ") +
+                        quoted(quillon_test::binPath("quillon-prefs")) + " " + arguments + " <" + scratch +
+                        "/in >" + scratch + "/out 2>" + scratch + "/err";
+  int status = shell(command);
+  return {status, readFile(scratch + "/out"), readFile(scratch + "/err")};
+}
+
+// Every key of a property-list file as "key type value" lines, as Python
+// sees it, after a first line naming the format.
+std::string plistlibDump(const std::string& path) {
+  return shellOutput(
+      "/usr/bin/python3 -c \"import plistlib,sys\n"
+      "b=open(sys.argv[1],'rb').read()\n"
+      "print('binary' if b.startswith(b'bplist00') else 'xml')\n"
+      "d=plistlib.loads(b)\n"
+      "[print(k, type(d[k]).__name__, repr(d[k])) for k in sorted(d)]\" " +
+      quoted(path) + " 2>&1");
+}
+
+// Writes a settings file with plistlib from a Python dictionary literal.
+void writeSettingsWithPlistlib(const std::string& dictionary, const std::string& format) {
+  const std::string path = QuillonPreferences::settingsPath();
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  ASSERT_EQ(shell("/usr/bin/python3 -c \"import plistlib,datetime\n"
+                  "plistlib.dump(" + dictionary + ", open('" + path + "','wb'), fmt=plistlib." + format + ")\""),
+            0);
+}
+
+class QuillonPrefsToolTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    setenv("QUILLON_RESOURCES", (std::string(QUILLON_SOURCE_DIR) + "/resources").c_str(), 1);
+    // Never tell a real session's agent about test settings.
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillon-test-bus", 1);
+  }
+  void SetUp() override {
+    std::error_code ec;
+    std::filesystem::remove_all(QuillonPreferences::settingsPath(), ec);
+  }
+  static std::string settings() { return readFile(QuillonPreferences::settingsPath()); }
+};
+
+TEST_F(QuillonPrefsToolTest, EditsKeepTheFileFormatAndUnknownKeys) {
+  const std::string folderA = quillon_test::makeTempDir("watchA");
+  const std::string folderB = quillon_test::makeTempDir("watchB");
+  const std::string scripts = quillon_test::makeTempDir("scripts");
+  writeFile(scripts + "/done.sh", "#!/bin/sh\n");
+
+  for (const std::string& format : std::vector<std::string>{"FMT_XML", "FMT_BINARY"}) {
+    SCOPED_TRACE(format);
+    writeSettingsWithPlistlib(
+        "{'watchQmaster': 0, 'emailUseTLS': 1, 'futureOption': {'nested': [1, 2.5, True]}, "
+        "'lastSeen': datetime.datetime(2024, 5, 1, 13, 45, 10), 'blob': b'\\x00\\x01'}",
+        format);
+
+    const std::vector<std::string> edits = {
+        "set watchQmaster on", "set logoutAction sleep", "set emailPort 587",
+        "set emailServer smtp.example.com", "set emailToAddress 'a@example.com; b@example.org'",
+        "unset emailUseTLS", "watch-folders add " + quoted(folderA) + " " + quoted(folderB),
+        "watch-folders remove " + quoted(folderA),
+    };
+    for (const auto& edit : edits) {
+      Outcome outcome = prefs(edit);
+      EXPECT_EQ(outcome.status, 0) << edit << "\n" << outcome.err;
+    }
+    // A relative script path is stored absolute.
+    EXPECT_EQ(prefs("set scriptPath done.sh", "", scripts).status, 0);
+
+    const std::string expected = std::string(format == "FMT_XML" ? "xml" : "binary") +
+                                 "\n"
+                                 "blob bytes b'\\x00\\x01'\n"
+                                 "emailPort int 587\n"
+                                 "emailServer str 'smtp.example.com'\n"
+                                 "emailToAddress str 'a@example.com; b@example.org'\n"
+                                 "futureOption dict {'nested': [1, 2.5, True]}\n"
+                                 "lastSeen datetime datetime.datetime(2024, 5, 1, 13, 45, 10)\n"
+                                 "logoutAction int 1\n"
+                                 "scriptPath str '" + scripts + "/done.sh'\n"
+                                 "watchFolders list ['" + folderB + "']\n"
+                                 "watchQmaster int 1\n";
+    EXPECT_EQ(plistlibDump(QuillonPreferences::settingsPath()), expected);
+
+    Outcome shown = prefs("show");
+    EXPECT_NE(shown.out.find("Other keys, kept as they are: blob, futureOption, lastSeen"), std::string::npos)
+        << shown.out;
+    EXPECT_NE(shown.out.find("notifyGrowl            not set: on"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("watchQmaster           1 (on)"), std::string::npos) << shown.out;
+    EXPECT_EQ(prefs("get emailPort").out, "587\n");
+    EXPECT_EQ(prefs("watch-folders list").out, folderB + "\n");
+  }
+}
+
+TEST_F(QuillonPrefsToolTest, BadInputIsRefusedAndChangesNothing) {
+  const std::string folder = quillon_test::makeTempDir("watched");
+  const std::string file = folder + "/plain.txt";
+  writeFile(file, "x");
+  writeSettingsWithPlistlib("{'watchQmaster': 1, 'emailFromAddress': 'me@example.com', 'watchFolders': ['" + folder +
+                                "'], 'customKey': 'kept'}",
+                            "FMT_BINARY");
+  const std::string before = settings();
+
+  struct Case {
+    std::string arguments;
+    int status;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"set noSuchKey 1", 1, "unknown key 'noSuchKey'"},
+      {"set customKey 1", 1, "unknown key 'customKey'"},
+      {"unset noSuchKey", 1, "unknown key 'noSuchKey'"},
+      {"get noSuchKey", 1, "unknown key 'noSuchKey'"},
+      {"set watchQmaster 2", 1, "watchQmaster is a switch"},
+      {"set notifyGrowl maybe", 1, "notifyGrowl is a switch"},
+      {"set emailPort abc", 1, "emailPort takes a port number"},
+      {"set emailPort 70000", 1, "emailPort takes a port number"},
+      {"set emailPort 0", 1, "emailPort takes a port number"},
+      {"set logoutAction -1", 1, "logoutAction takes 0 (none)"},
+      {"set logoutAction reboot", 1, "logoutAction takes 0 (none)"},
+      {"set emailFromAddress 'not an address'", 1, "emailFromAddress takes one e-mail address"},
+      {"set emailToAddress 'a@example.com, oops'", 1, "'oops' is not one"},
+      {"set emailServer 'smtp://x'", 1, "emailServer takes a host name"},
+      {"set emailAccountName ''", 1, "cannot be set to an empty value"},
+      {"set scriptPath /nonexistent/run.sh", 1, "no such file: /nonexistent/run.sh"},
+      {"set scriptPath " + quoted(folder), 1, "not a file"},
+      {"set sendToAppPath /nonexistent/app", 1, "no such file"},
+      {"set txtMessagePhoneNumber 5550100", 1, "use 'phone NUMBER'"},
+      {"set watchFolders /tmp", 1, "use 'watch-folders add"},
+      {"set selectedTextCarrier nosuch", 1, "unknown carrier 'nosuch'"},
+      {"carrier nosuch", 1, "unknown carrier 'nosuch'"},
+      {"watch-folders add /nonexistent/folder", 1, "not a folder: /nonexistent/folder"},
+      {"watch-folders add " + quoted(folder) + " " + quoted(file), 1, "not a folder: " + file},
+      {"watch-folders remove /not/listed", 1, "not a watch folder: /not/listed"},
+      {"watch-folders frob", 2, "unknown action 'frob'"},
+      {"watch-folders add", 2, "add needs at least one folder"},
+      {"phone 'call me'", 1, "is not a phone number"},
+      {"phone 12", 1, "is not a phone number"},
+      {"phone 1234567890123456", 1, "is not a phone number"},
+      {"password hunter2", 2, "never given on the command line"},
+      {"set watchQmaster", 2, "usage: quillon-prefs set KEY VALUE"},
+      {"set watchQmaster 1 extra", 2, "usage: quillon-prefs set KEY VALUE"},
+      {"frobnicate", 2, "unknown command 'frobnicate'"},
+      {"test nothing", 2, "unknown test 'nothing'"},
+      {"help frobnicate", 1, "unknown command 'frobnicate'"},
+      {"", 2, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    Outcome outcome = prefs(c.arguments);
+    EXPECT_EQ(outcome.status, c.status) << outcome.err;
+    EXPECT_NE(outcome.err.find(c.error), std::string::npos) << outcome.err;
+    EXPECT_EQ(settings(), before);
+  }
+}
+
+TEST_F(QuillonPrefsToolTest, UnreadableSettingsFileIsNamedAndLeftAlone) {
+  const std::string path = QuillonPreferences::settingsPath();
+  struct Case {
+    std::string name;
+    std::function<void()> make;
+    std::string error;
+  };
+  const Case cases[] = {
+      {"garbage", [&] { writeFile(path, "<?xml version=\"1.0\"?><plist><dict><key>a</key>"); },
+       "is not a property list"},
+      {"array root", [&] { writeSettingsWithPlistlib("['a', 'b']", "FMT_XML"); }, "does not hold a dictionary"},
+      {"folder", [&] { std::filesystem::create_directories(path + "/inside"); }, "it is not a regular file"},
+  };
+  const std::string folder = quillon_test::makeTempDir("watched");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
+    c.make();
+    const std::string before = std::filesystem::is_directory(path) ? "" : settings();
+    const std::vector<std::string> commands = {"show", "get watchQmaster", "set watchQmaster 1", "unset watchQmaster",
+                                               "watch-folders add " + quoted(folder), "phone 5550100", "carrier att"};
+    for (const auto& command : commands) {
+      SCOPED_TRACE(command);
+      Outcome outcome = prefs(command);
+      EXPECT_EQ(outcome.status, 1);
+      EXPECT_NE(outcome.err.find(path), std::string::npos) << outcome.err;
+      EXPECT_NE(outcome.err.find(c.error), std::string::npos) << outcome.err;
+      if (std::filesystem::is_directory(path)) {
+        EXPECT_TRUE(std::filesystem::exists(path + "/inside"));
+      } else {
+        EXPECT_EQ(settings(), before);
+      }
+    }
+  }
+}
+
+TEST_F(QuillonPrefsToolTest, PhoneNumberIsStoredEncryptedUnderBothKeys) {
+  ASSERT_EQ(prefs("phone '+1 (555) 010-0000'").status, 0);
+  MVPlistValue success = QuillonPreferences::objectForPreferenceDictionaryKey("txtMessagePhoneNumber");
+  MVPlistValue failure = QuillonPreferences::objectForPreferenceDictionaryKey("txtMessageNumber");
+  ASSERT_TRUE(success.isData());
+  EXPECT_EQ(success, failure);
+  EXPECT_EQ(success.count() % MVEncryption::kBlockSize, 0u);
+
+  // What the agent does with it: decrypt, keep the digits.
+  auto plain = MVEncryption::AESDecryptData(*success.data(), MVEncryption::kTextMessagePassphrase);
+  EXPECT_EQ(std::string(plain.begin(), plain.end()), "+1 (555) 010-0000               ");
+  EXPECT_NE(plistlibDump(QuillonPreferences::settingsPath()).find("txtMessagePhoneNumber bytes"), std::string::npos);
+
+  // Without a chosen carrier the agent texts through "att".
+  EXPECT_NE(prefs("phone").out.find("Texted at: 15550100000@txt.att.net"), std::string::npos);
+  Outcome listed = prefs("carriers");
+  EXPECT_NE(listed.out.find("* att          AT&T"), std::string::npos) << listed.out;
+  ASSERT_EQ(prefs("carrier verizon").status, 0);
+  EXPECT_EQ(QuillonPreferences::objectForPreferenceDictionaryKey("selectedTextCarrier"), MVPlistValue("verizon"));
+  EXPECT_NE(prefs("phone").out.find("Texted at: 15550100000@vtext.com (Verizon)"), std::string::npos);
+
+  ASSERT_EQ(prefs("phone --clear").status, 0);
+  EXPECT_TRUE(QuillonPreferences::objectForPreferenceDictionaryKey("txtMessagePhoneNumber").isNil());
+  EXPECT_TRUE(QuillonPreferences::objectForPreferenceDictionaryKey("txtMessageNumber").isNil());
+  EXPECT_EQ(prefs("phone").status, 1);
+}
+
+TEST_F(QuillonPrefsToolTest, EveryCommandHasHelp) {
+  Outcome overview = prefs("help");
+  ASSERT_EQ(overview.status, 0);
+  for (const std::string& command : std::vector<std::string>{"show", "get", "set", "unset", "watch-folders", "password", "phone", "carriers",
+                                    "carrier", "test", "help"}) {
+    SCOPED_TRACE(command);
+    EXPECT_NE(overview.out.find("\n  " + command + " "), std::string::npos) << overview.out;
+    for (const std::string& asked : std::vector<std::string>{"help " + command, command + " --help"}) {
+      Outcome outcome = prefs(asked);
+      EXPECT_EQ(outcome.status, 0);
+      EXPECT_EQ(outcome.out.rfind("usage: quillon-prefs " + command, 0), 0u) << outcome.out;
+    }
+  }
+}
+
+TEST_F(QuillonPrefsToolTest, WithoutASessionBusTheChangeIsSavedAndSaidSo) {
+  Outcome outcome = prefs("set notifySound 0");
+  EXPECT_EQ(outcome.status, 0);
+  EXPECT_EQ(outcome.err,
+            "quillon-prefs: saved, but no session bus at unix:path=/nonexistent/quillon-test-bus: a running agent "
+            "will not reload until told\n");
+  EXPECT_EQ(QuillonPreferences::objectForPreferenceDictionaryKey("notifySound"), MVPlistValue(0));
+}
+
+class QuillonPrefsToolBusTest : public QuillonPrefsToolTest {
+ protected:
+  void SetUp() override {
+    QuillonPrefsToolTest::SetUp();
+    bus_ = std::make_unique<quillon_test::PrivateSessionBus>();
+    ASSERT_TRUE(bus_->isRunning()) << bus_->error();
+  }
+  void TearDown() override {
+    MVKeychain::setBackend(nullptr);
+    bus_.reset();
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillon-test-bus", 1);
+  }
+  std::unique_ptr<quillon_test::PrivateSessionBus> bus_;
+};
+
+TEST_F(QuillonPrefsToolBusTest, EveryChangeAndOnlyAChangeAsksTheAgentToReload) {
+  MVDistributedNotificationCenter::setBackend(quillon::desktop::createDistributedNotificationBackend());
+  int reloads = 0;
+  MVObserverToken token = MVDistributedNotificationCenter::defaultCenter().addObserver(
+      "MVQuillonConfigUpdate", [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++reloads; });
+  // Let the subscription reach the bus before the first notice.
+  quillon_test::waitUntil([] { return false; }, 0.3);
+
+  struct Case {
+    std::string arguments;
+    int reloads;
+  };
+  const Case cases[] = {
+      {"set watchAvidRenders 1", 1},
+      {"set watchAvidRenders 1", 1},  // unchanged: nothing to reload
+      {"set emailPort nope", 1},      // refused
+      {"unset watchAvidRenders", 2},
+      {"phone 5550100", 3},
+      {"show", 3},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.arguments);
+    Outcome outcome = prefs(c.arguments);
+    EXPECT_EQ(outcome.err.find("no session bus"), std::string::npos) << outcome.err;
+    quillon_test::waitUntil([&] { return reloads >= c.reloads + 1; }, c.reloads > reloads ? 5.0 : 0.5);
+    EXPECT_EQ(reloads, c.reloads);
+  }
+}
+
+TEST_F(QuillonPrefsToolBusTest, PasswordGoesToTheSecretStoreWhereTheAgentReadsIt) {
+  ASSERT_TRUE(bus_->startKeyring());
+  const std::string sender = "editor@example.com";
+  const std::string lookup = "secret-tool lookup acct " + sender + " desc 'Email password' labl 'Quillon - " + sender + "'";
+
+  // No sender address: nothing to name the item after.
+  Outcome noSender = prefs("password", "s3cret\n");
+  EXPECT_EQ(noSender.status, 1);
+  EXPECT_NE(noSender.err.find("emailFromAddress is not set"), std::string::npos);
+
+  ASSERT_EQ(prefs("set emailFromAddress " + sender).status, 0);
+  Outcome stored = prefs("password", "s3cret pass\n");
+  ASSERT_EQ(stored.status, 0) << stored.err;
+  EXPECT_EQ(shellOutput(lookup + " 2>/dev/null"), "s3cret pass");
+  MVKeychain::setBackend(quillon::createSecretServiceKeychain());
+  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(MVKeychain::agentItemName(sender),
+                                                    std::string(MVKeychain::kEmailPasswordKind), sender, ""),
+            "s3cret pass");
+
+  // Replacing keeps one item; refused input leaves the stored one.
+  ASSERT_EQ(prefs("password set", "second\r\n").status, 0);
+  EXPECT_EQ(shellOutput(lookup + " 2>/dev/null"), "second");
+  EXPECT_EQ(shellOutput("secret-tool search --all acct " + sender + " 2>&1 | grep -c '^secret = '"), "1\n");
+  EXPECT_EQ(prefs("password", "pässword").status, 1);
+  EXPECT_EQ(prefs("password", "").status, 1);
+  EXPECT_EQ(shellOutput(lookup + " 2>/dev/null"), "second");
+
+  EXPECT_EQ(prefs("password status").status, 0);
+  ASSERT_EQ(prefs("password delete").status, 0);
+  EXPECT_EQ(shell(lookup + " >/dev/null 2>&1"), 1);
+  EXPECT_EQ(prefs("password status").status, 1);
+}
+
+TEST_F(QuillonPrefsToolBusTest, TestNotificationReachesTheNotificationServer) {
+  Outcome none = prefs("test notification");
+  EXPECT_EQ(none.status, 1);
+  EXPECT_NE(none.err.find("no notification server"), std::string::npos) << none.err;
+
+  const std::string log = quillon_test::makeTempDir("notify") + "/calls";
+  bus_->startDaemon("/usr/bin/python3 -m dbusmock --template notification_daemon -l " + log);
+  ASSERT_TRUE(bus_->waitForOwner("org.freedesktop.Notifications", 20));
+  Outcome sent = prefs("test notification");
+  EXPECT_EQ(sent.status, 0) << sent.err;
+  EXPECT_NE(sent.out.find("Sent a test notification to mock-notify 1.0 (test vendor)"), std::string::npos)
+      << sent.out;
+  EXPECT_TRUE(quillon_test::waitUntil([&] { return readFile(log).find("Notify \"Quillon\"") != std::string::npos; }, 5))
+      << readFile(log);
+  EXPECT_NE(readFile(log).find("\"Quillon test\""), std::string::npos) << readFile(log);
+}
+
+}  // namespace

@@ -1,0 +1,374 @@
+// The SMTP session against a scripted peer: the dialogue's bytes, the failure
+// codes of the sharp cases, port fallback and the lifetime rules.
+#include "SKPSMTPMessage.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <regex>
+#include <thread>
+
+#include "MVRunLoop.h"
+#include "TestSupport.h"
+#include "smtp/ScriptedSMTPServer.h"
+
+using quillon_test::waitUntil;
+
+namespace {
+
+// Records every report and drops the test's only reference to the message
+// inside the callback, as the e-mail notification does.
+struct Recorder : SKPSMTPMessageDelegate {
+  std::shared_ptr<SKPSMTPMessage> message;
+  int sent = 0;
+  std::vector<SKPSMTPError> failures;
+  bool calledOnMainThread = true;
+
+  void messageSent(const std::shared_ptr<SKPSMTPMessage>&) override {
+    ++sent;
+    calledOnMainThread &= MVRunLoop::main().isMainThread();
+    message.reset();
+  }
+  void messageFailed(const std::shared_ptr<SKPSMTPMessage>&, const SKPSMTPError& error) override {
+    failures.push_back(error);
+    calledOnMainThread &= MVRunLoop::main().isMainThread();
+    message.reset();
+  }
+  int reports() const { return sent + static_cast<int>(failures.size()); }
+};
+
+// Replies of a well-behaved server; `overrides` maps a command prefix to the
+// reply that replaces the usual one.
+ScriptedSMTPServer::Reply replies(std::map<std::string, std::string> overrides = {}) {
+  return [overrides](const std::string& line) -> std::string {
+    for (const auto& [prefix, reply] : overrides)
+      if (line.rfind(prefix, 0) == 0) return reply;
+    if (line.rfind("EHLO", 0) == 0) return "250-test.example\r\n250-STARTTLS\r\n250-8BITMIME\r\n250 HELP\r\n";
+    if (line.rfind("AUTH PLAIN", 0) == 0) return "235 ok\r\n";
+    if (line.rfind("AUTH LOGIN", 0) == 0) return "334 VXNlcm5hbWU6\r\n";
+    if (line.rfind("MAIL", 0) == 0 || line.rfind("RCPT", 0) == 0) return "250 OK\r\n";
+    if (line == "DATA") return "354 go ahead\r\n";
+    if (line == ".") return "250 queued\r\n";
+    if (line == "QUIT") return "221 bye\r\n#close";
+    return "";
+  };
+}
+
+std::shared_ptr<SKPSMTPMessage> makeMessage(Recorder& recorder, std::vector<int> ports) {
+  auto message = SKPSMTPMessage::create();
+  message->setRelayHost("127.0.0.1");
+  message->setRelayPorts(std::move(ports));
+  message->setFromEmail("render@studio.example");
+  message->setToEmail("editor@studio.example");
+  message->setSubject("clip.mov Finished");
+  message->setParts({{{kSKPSMTPPartContentTypeKey, "text/plain"},
+                      {kSKPSMTPPartContentTransferEncodingKey, "8bit"},
+                      {kSKPSMTPPartMessageKey, "Done."}}});
+  message->setDelegate(&recorder);
+  message->setConnectTimeout(1.0);
+  message->setTimeoutsForTesting(0.6, 0.6);
+  recorder.message = message;
+  return message;
+}
+
+// Waits for the first report, then a little longer to catch a second one.
+void awaitOutcome(Recorder& recorder, double seconds = 10) {
+  EXPECT_TRUE(waitUntil([&] { return recorder.reports() > 0; }, seconds));
+  MVRunLoop::main().runFor(0.8);
+  EXPECT_EQ(recorder.reports(), 1);
+}
+
+std::string regexEscape(const std::string& text) {
+  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+  return std::regex_replace(text, special, R"(\$&)");
+}
+
+}  // namespace
+
+TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
+  setenv("TZ", "UTC", 1);
+  setenv("LC_ALL", "C", 1);
+  ScriptedSMTPServer server("220 test.example ESMTP\r\n", replies());
+  Recorder recorder;
+  auto message = makeMessage(recorder, {server.port()});
+  message->setToEmail("a@x.example; Bea <b@y.example>,");
+  message->setCcEmail("c@z.example");
+  message->setBccEmail("hidden@w.example");
+  message->setSubject("Caf\xC3\xA9 render");
+  message->setParts({{{kSKPSMTPPartContentDispositionKey, "inline"},
+                      {kSKPSMTPPartContentTypeKey, "text/plain; charset=UTF-8"},
+                      {kSKPSMTPPartContentTransferEncodingKey, "8bit"},
+                      {kSKPSMTPPartMessageKey, "Gr\xC3\xBC\xC3\x9F" "e\r\n.dot"}},
+                     {{kSKPSMTPPartContentTypeKey, "application/octet-stream"},
+                      {kSKPSMTPPartContentTransferEncodingKey, "base64"},
+                      {kSKPSMTPPartMessageKey, "AAEC"}}});
+  message.reset();
+
+  // Started from a worker thread; the dialogue and the report stay on the main thread.
+  std::atomic<bool> started{false}, returned{false};
+  std::shared_ptr<SKPSMTPMessage> sending = recorder.message;
+  std::thread worker([&] {
+    started = sending->send();
+    returned = true;
+  });
+  EXPECT_TRUE(waitUntil([&] { return returned.load(); }, 5));
+  worker.join();
+  sending.reset();
+  EXPECT_TRUE(started);
+  awaitOutcome(recorder);
+  EXPECT_EQ(recorder.sent, 1);
+  EXPECT_TRUE(recorder.calledOnMainThread);
+
+  // STARTTLS and 8BITMIME are offered but neither wanted nor used without authentication.
+  const std::string expected =
+      "EHLO localhost\r\n"
+      "MAIL FROM:<render@studio.example>\r\n"
+      "RCPT TO:<a@x.example>\r\n"
+      "RCPT TO:Bea <b@y.example>\r\n"
+      "RCPT TO:<>\r\n"
+      "RCPT TO:<c@z.example>\r\n"
+      "RCPT TO:<hidden@w.example>\r\n"
+      "DATA\r\n"
+      "Date: @DATE@\r\n"
+      "Message-id: <@ID@@127.0.0.1>\r\n"
+      "From:render@studio.example\r\n"
+      "To:a@x.example; Bea <b@y.example>,\r\n"
+      "Cc:c@z.example\r\n"
+      "Content-Type: multipart/mixed; boundary=SKPSMTPMessage--Separator--Delimiter\r\n"
+      "Mime-Version: 1.0 (SKPSMTPMessage 1.0)\r\n"
+      "Subject:Cafe render\r\n"
+      "\r\n"
+      "--SKPSMTPMessage--Separator--Delimiter\r\n"
+      "Content-Disposition: inline\r\n"
+      "Content-Type: text/plain; charset=UTF-8\r\n"
+      "Content-Transfer-Encoding: 8bit\r\n"
+      "\r\n"
+      "Gr\xC3\xBC\xC3\x9F" "e\r\n.dot\r\n"
+      "--SKPSMTPMessage--Separator--Delimiter\r\n"
+      "Content-Type: application/octet-stream\r\n"
+      "Content-Transfer-Encoding: base64\r\n"
+      "\r\n"
+      "AAEC\r\n"
+      "--SKPSMTPMessage--Separator--Delimiter\r\n"
+      "\r\n.\r\n"
+      "QUIT\r\n";
+  std::string pattern = regexEscape(expected);
+  pattern = std::regex_replace(pattern, std::regex("@DATE@"),
+                               R"([A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} \+0000)");
+  pattern = std::regex_replace(pattern, std::regex("@ID@"), "[0-9A-F]{32}");
+  EXPECT_TRUE(std::regex_match(server.transcript(), std::regex(pattern))) << server.transcript();
+}
+
+TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
+  struct Case {
+    const char* name;
+    std::string greeting;
+    std::map<std::string, std::string> overrides;
+    bool requiresAuth;
+    long expectedCode;  // 0: sent
+    const char* expectedDescription;
+  };
+  std::string noise;  // one unmatched line every 200 ms for 16 seconds
+  for (int i = 0; i < 80; ++i) noise += "250-still thinking\r\n|";
+  const Case cases[] = {
+      {"only CRAM-MD5 offered", "220 hi\r\n", {{"EHLO", "250-AUTH CRAM-MD5 DIGEST-MD5\r\n250 OK\r\n"}}, true, -2,
+       "Unsupported login mechanism."},
+      {"535 on AUTH", "220 hi\r\n", {{"EHLO", "250-AUTH PLAIN LOGIN\r\n250 OK\r\n"}, {"AUTH", "535 no\r\n"}}, true,
+       535, "Invalid username or password."},
+      {"530 on RCPT", "220 hi\r\n", {{"RCPT", "530 relay denied\r\n"}}, false, 530, "Relay rejected."},
+      {"550 on RCPT", "220 hi\r\n", {{"RCPT", "550 unknown user\r\n"}}, false, 550, "To address rejected."},
+      {"550 on MAIL FROM is ignored until the watchdog", "220 hi\r\n", {{"MAIL", "550 sender refused\r\n"}}, false,
+       -5, "Timeout sending message."},
+      {"550 after the message text", "220 hi\r\n", {{".", "550 rejected\r\n"}}, false, 550, "Failed to logout."},
+      {"no reply to QUIT counts as sent", "220 hi\r\n", {{"QUIT", ""}}, false, 0, nullptr},
+      {"221 and close in the same read", "220 hi\r\n", {{"QUIT", "221 bye\r\n#close"}}, false, 0, nullptr},
+      {"250 split across reads stalls", "220 hi\r\n", {{"EHLO", "250-test\r\n25|0 OK\r\n"}}, false, -5,
+       "Timeout sending message."},
+      {"noise trickled after EHLO does not hold off the watchdog", "220 hi\r\n", {{"EHLO", noise}}, false, -5,
+       "Timeout sending message."},
+      {"connection dropped mid-session", "220 hi\r\n", {{"RCPT", "#close"}}, false, -4,
+       "The connection to the server was interrupted."},
+      {"garbage and an over-long line before the greeting",
+       "\x01\xFFnoise\r\n" + std::string(5000, 'x') + "\r\n|220 hi\r\n", {}, false, 0, nullptr},
+      {"AUTH LOGIN when PLAIN is missing", "220 hi\r\n",
+       {{"EHLO", "250-AUTH LOGIN\r\n250 OK\r\n"}, {"YWxp", "334 UGFzc3dvcmQ6\r\n"}, {"c2VzYW1l", "235 ok\r\n"}}, true,
+       0, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedSMTPServer server(c.greeting, replies(c.overrides));
+    Recorder recorder;
+    auto message = makeMessage(recorder, {server.port()});
+    message->setRequiresAuth(c.requiresAuth);
+    message->setLogin("ali");
+    message->setPass("sesame");
+    message.reset();
+    ASSERT_TRUE(recorder.message->send());
+    awaitOutcome(recorder);
+    if (c.expectedCode == 0) {
+      EXPECT_EQ(recorder.sent, 1);
+    } else {
+      ASSERT_EQ(recorder.failures.size(), 1u);
+      EXPECT_EQ(recorder.failures[0].domain, "SKPSMTPMessageError");
+      EXPECT_EQ(recorder.failures[0].code, c.expectedCode);
+      EXPECT_EQ(recorder.failures[0].localizedDescription, c.expectedDescription);
+    }
+    EXPECT_EQ(server.connections(), 1);
+  }
+}
+
+TEST(SKPSMTPMessage, FallsBackToTheNextPortWhenNoGreetingComes) {
+  ScriptedSMTPServer silent("", replies());
+  ScriptedSMTPServer alsoSilent("", replies());
+  ScriptedSMTPServer good("220 hi\r\n", replies());
+
+  Recorder recorder;
+  auto message = makeMessage(recorder, {silent.port(), good.port()});
+  message->setConnectTimeout(0.5);
+  message.reset();
+  ASSERT_TRUE(recorder.message->send());
+  awaitOutcome(recorder);
+  EXPECT_EQ(recorder.sent, 1);
+  EXPECT_EQ(silent.connections(), 1);
+  EXPECT_EQ(good.connections(), 1);
+
+  // No port left: the last silent port ends in -3.
+  Recorder exhausted;
+  message = makeMessage(exhausted, {silent.port(), alsoSilent.port()});
+  message->setConnectTimeout(0.5);
+  message.reset();
+  ASSERT_TRUE(exhausted.message->send());
+  awaitOutcome(exhausted);
+  ASSERT_EQ(exhausted.failures.size(), 1u);
+  EXPECT_EQ(exhausted.failures[0].code, -3);
+  EXPECT_EQ(exhausted.failures[0].localizedRecoverySuggestion, "Try sending your message again later.");
+  EXPECT_EQ(alsoSilent.connections(), 1);
+}
+
+TEST(SKPSMTPMessage, PortsAboveSignedSixteenBitsNeverConnect) {
+  ScriptedSMTPServer server("220 hi\r\n", replies(), 40000);
+  ASSERT_GT(server.port(), 32767);
+  Recorder recorder;
+  auto message = makeMessage(recorder, {server.port()});
+  message->setConnectTimeout(0.5);
+  message.reset();
+  ASSERT_TRUE(recorder.message->send());
+  awaitOutcome(recorder);
+  ASSERT_EQ(recorder.failures.size(), 1u);
+  EXPECT_EQ(recorder.failures[0].code, -3);
+  EXPECT_EQ(server.connections(), 0);
+}
+
+TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
+  struct Case {
+    std::function<void(SKPSMTPMessage&)> spoil;
+    const char* reason;
+  };
+  const Case cases[] = {
+      {[](SKPSMTPMessage& m) { m.setRequiresAuth(true); }, "auth requires login"},
+      {[](SKPSMTPMessage& m) { m.setRequiresAuth(true), m.setLogin("ali"); }, "auth requires pass"},
+      {[](SKPSMTPMessage& m) { m.setRelayHost(""); }, "send requires relayHost"},
+      {[](SKPSMTPMessage& m) { m.setSubject(""); }, "send requires subject"},
+      {[](SKPSMTPMessage& m) { m.setFromEmail(""); }, "send requires fromEmail"},
+      {[](SKPSMTPMessage& m) { m.setToEmail(""); }, "send requires toEmail"},
+      {[](SKPSMTPMessage& m) { m.setParts({}); }, "send requires parts"},
+  };
+  for (const Case& c : cases) {
+    Recorder recorder;
+    auto message = makeMessage(recorder, {25});
+    c.spoil(*message);
+    try {
+      message->send();
+      ADD_FAILURE() << "no assertion for " << c.reason;
+    } catch (const SKPSMTPAssertion& assertion) {
+      EXPECT_STREQ(assertion.what(), c.reason);
+    }
+    EXPECT_EQ(message->sendState(), kSKPSMTPIdle);
+  }
+
+  ScriptedSMTPServer silent("", replies());
+  Recorder recorder;
+  auto message = makeMessage(recorder, {silent.port()});
+  ASSERT_TRUE(message->send());
+  EXPECT_THROW(message->send(), SKPSMTPAssertion);
+  message.reset();
+  recorder.message.reset();  // dropping the message ends the session silently
+  MVRunLoop::main().runFor(1.5);
+  EXPECT_EQ(recorder.reports(), 0);
+
+  Recorder noPorts;
+  message = makeMessage(noPorts, {});
+  EXPECT_FALSE(message->send());
+  ASSERT_EQ(noPorts.failures.size(), 1u);
+  EXPECT_EQ(noPorts.failures[0].code, -3);
+}
+
+TEST(SKPSMTPMessage, CopiesCarryTheMessageButNotPortsTimeoutOrState) {
+  Recorder recorder;
+  auto message = makeMessage(recorder, {2525});
+  message->setLogin("ali");
+  message->setPass("sesame");
+  message->setRequiresAuth(true);
+  message->setWantsSecure(true);
+  message->setValidateSSLChain(false);
+  message->setCcEmail("cc@x.example");
+  message->setBccEmail("bcc@x.example");
+  auto copy = message->copy();
+  EXPECT_EQ(copy->delegate(), &recorder);
+  EXPECT_EQ(copy->login(), "ali");
+  EXPECT_EQ(copy->pass(), "sesame");
+  EXPECT_EQ(copy->relayHost(), "127.0.0.1");
+  EXPECT_TRUE(copy->requiresAuth());
+  EXPECT_TRUE(copy->wantsSecure());
+  EXPECT_FALSE(copy->validateSSLChain());
+  EXPECT_EQ(copy->subject(), message->subject());
+  EXPECT_EQ(copy->fromEmail(), message->fromEmail());
+  EXPECT_EQ(copy->toEmail(), message->toEmail());
+  EXPECT_EQ(copy->ccEmail(), "cc@x.example");
+  EXPECT_EQ(copy->bccEmail(), "bcc@x.example");
+  EXPECT_EQ(copy->parts(), message->parts());
+  EXPECT_EQ(copy->relayPorts(), (std::vector<int>{25, 465, 587}));
+  EXPECT_EQ(copy->connectTimeout(), 8.0);
+  EXPECT_EQ(copy->sendState(), kSKPSMTPIdle);
+}
+
+TEST(SKPSMTPMessage, FormatsRecipientLists) {
+  auto message = SKPSMTPMessage::create();
+  const std::pair<std::string, std::string> cases[] = {
+      {"", ""},
+      {"a@x.example", "RCPT TO:<a@x.example>\r\n"},
+      {" \ta@x.example\t ", "RCPT TO:<a@x.example>\r\n"},
+      {"  Ann <a@x.example> ", "RCPT TO:Ann <a@x.example>\r\n"},
+      {"a@x.example;b@y.example,", "RCPT TO:<a@x.example>\r\nRCPT TO:<b@y.example>\r\nRCPT TO:<>\r\n"},
+      {"a@x.example, <b@y.example>", "RCPT TO:<a@x.example>\r\nRCPT TO:<b@y.example>\r\n"},
+  };
+  for (const auto& [list, lines] : cases) EXPECT_EQ(message->formatAddresses(list), lines) << list;
+}
+
+TEST(SKPSMTPStreams, SocketPairCarriesALargeWriteWhileTheReaderDrains) {
+  std::shared_ptr<SKPSMTPStream> reader, writer;
+  CFStreamCreatePairWithUNIXSocketPair(&reader, &writer);
+  std::string received;
+  bool ended = false;
+  reader->setDelegate([&](SKPSMTPStream& stream, SKPSMTPStreamEvent event) {
+    if (event == SKPSMTPStreamEvent::HasBytesAvailable) {
+      std::uint8_t buffer[65536];
+      long n = stream.read(buffer, sizeof buffer);
+      if (n > 0) received.append(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(n));
+    } else if (event == SKPSMTPStreamEvent::EndEncountered) {
+      ended = true;
+    }
+  });
+  reader->open();
+  writer->open();
+  EXPECT_EQ(CFWriteStreamWriteFully(*writer, nullptr, 0), 0);
+
+  // Far more than a socket buffer holds: the write must wait for the reader.
+  std::string payload(4 << 20, '\0');
+  for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7);
+  EXPECT_EQ(CFWriteStreamWriteFully(*writer, payload), static_cast<long>(payload.size()));
+  writer->close();
+  EXPECT_TRUE(waitUntil([&] { return ended; }, 10));
+  EXPECT_TRUE(received == payload);
+}
