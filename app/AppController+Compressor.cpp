@@ -41,3 +41,7 @@ std::string AppController::qmaster4SpoolPath() {
   qmaster4SpoolPath_ = storage;
   return *storage;
 }
+
+// The batch poll lands with the Compressor watcher.
+void AppController::startCompressorWatcher() {}
+void AppController::processQmaster() {}

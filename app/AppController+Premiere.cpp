@@ -1,0 +1,4 @@
+// Premiere preview folders (full version lands with its watcher).
+#include "AppController.h"
+
+void AppController::startPremiereQuillon() {}
