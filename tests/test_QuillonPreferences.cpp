@@ -27,7 +27,11 @@ int python(const std::string& script) {
 
 class QuillonPreferencesTest : public ::testing::Test {
  protected:
-  void SetUp() override { fs::remove(QuillonPreferences::settingsPath()); }
+  void SetUp() override {
+    // Each test may run in a process of its own, in a home with no folders yet.
+    fs::create_directories(fs::path(QuillonPreferences::settingsPath()).parent_path());
+    fs::remove(QuillonPreferences::settingsPath());
+  }
   void TearDown() override { fs::remove(QuillonPreferences::settingsPath()); }
 };
 

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "MVLog.h"
 #include "MVRunLoop.h"
 #include "PlatformLinux.h"
 
@@ -23,6 +24,8 @@ int main(int argc, char** argv) {
                           "XDG_RUNTIME_DIR_OVERRIDE"})
     unsetenv(var);
   quillon_test::setTestHome(templ);
+  // Tests run as root; keep the log in the temporary home, not /var/log.
+  MVLog::overrideRunningAsRoot(false);
 
   MVRunLoop::setMain(quillon::createPlatformRunLoop());
   int rc = RUN_ALL_TESTS();
