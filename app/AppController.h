@@ -26,8 +26,9 @@
 #include "MVNotificationCenter.h"
 #include "MVPlistValue.h"
 #include "MVRunLoop.h"
+#include "SKPSMTPMessage.h"
 
-class AppController : public MVFSEventsDelegate {
+class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
  public:
   using Date = std::chrono::system_clock::time_point;
   using FolderMap = std::map<std::string, Date>;
@@ -94,6 +95,8 @@ class AppController : public MVFSEventsDelegate {
   // Mail (subject and body from the message table).
   void sendEmail(const RenderDescription& render, bool success);
   void sendTextMessage(const RenderDescription& render, bool success);
+  void messageSent(const std::shared_ptr<SKPSMTPMessage>& message) override;
+  void messageFailed(const std::shared_ptr<SKPSMTPMessage>& message, const SKPSMTPError& error) override;
   static std::string computerName();
   struct Message {
     std::string subject;
@@ -143,6 +146,8 @@ class AppController : public MVFSEventsDelegate {
   void replaceTimer(std::shared_ptr<MVTimer>& field, std::shared_ptr<MVTimer> timer);
   void watchPaths(const std::vector<std::string>& paths);
   std::string iconForRender(const std::string& type, const std::string& fullPath) const;
+  std::shared_ptr<SKPSMTPMessage> newMailMessage();
+  void releaseMailMessage(const std::shared_ptr<SKPSMTPMessage>& message);
 
   std::atomic<std::int64_t> asyncJobs_{0};
   std::atomic<bool> processingFolder_{false};
@@ -164,7 +169,47 @@ class AppController : public MVFSEventsDelegate {
   std::optional<std::string> qmasterSpoolPath_;
   std::optional<std::string> qmaster4SpoolPath_;
   std::vector<MVObserverToken> subscriptions_;
+  // Messages in flight; each stays alive until its delegate callback.
+  std::vector<std::shared_ptr<SKPSMTPMessage>> mailInFlight_;
   std::function<Date()> clock_;
   std::function<std::string()> frontmostOverride_;
   double sizeSettleSeconds_ = 3.0;
+
+  // watchers: Avid/FCP/Premiere
+ public:
+  // True while the repeating refresh of the Premiere preview folders is armed.
+  bool premierePathRefreshIsScheduled() const;
+
+ private:
+  // Reads the Premiere preview folders again (fired by the refresh timer);
+  // ends the timer once "watchPremiereRenders" is off.
+  void refreshPremierePaths();
+
+  // Compressor watcher
+ public:
+  using BatchTable = std::map<std::string, MVPlistValue>;    // batch ID -> batch record
+  using ClusterBatches = std::map<std::string, BatchTable>;  // cluster name -> its batches
+  ClusterBatches qmasterBatches();
+  std::vector<std::string> qmasterClusters();
+  std::optional<std::vector<std::string>> qmasterClusters(const std::string& toolPath);
+  BatchTable qmasterBatchesInCluster(const std::string& cluster);
+  std::optional<BatchTable> qmasterBatchesInCluster(const std::string& cluster, const std::string& applicationPath);
+  std::optional<MVPlistValue> qmasterBatchWithID(const std::string& batchID, const std::string& cluster);
+  std::optional<MVPlistValue> qmasterBatchWithID(const std::string& batchID, const std::string& cluster,
+                                                 const std::string& applicationPath);
+  MVPlistValue::Array qmasterBatchesFromHistory(const std::string& version);
+  void qmasterAdUpdate(const MVPlistValue& userInfo);
+  void qmasterBatchSubmitted(const MVPlistValue& userInfo);
+  void qmasterBatchFinished(const MVPlistValue& userInfo);
+  static std::optional<std::string> pathForAppWithBundleID(const std::string& bundleID);
+  static std::optional<std::string> pathForBundleID(const std::string& bundleID, const std::string& inFolder);
+  // True while a poll runs or a background thread of the watcher is still busy.
+  bool isProcessingQmaster() const;
+
+ private:
+  void detachQmasterWorker(std::function<void()> work);
+  std::vector<MVObserverToken> compressorSubscriptions_;
+  bool qmasterPolling_ = false;        // guarded by mutex_
+  bool qmasterPollRequested_ = false;  // guarded by mutex_
+  int qmasterWorkers_ = 0;             // guarded by mutex_
 };
