@@ -96,7 +96,7 @@ bool Base64EncodeData(const void* input, std::size_t inputLength, char* output, 
 }
 
 bool Base64DecodeData(const void* input, std::size_t inputLength, void* output, std::size_t* outputLength) {
-  std::memset(output, '.', *outputLength);
+  if (*outputLength > 0) std::memset(output, '.', *outputLength);
   if (*outputLength < EstimateBas64DecodedDataSize(inputLength)) return false;
 
   const auto* in = static_cast<const std::uint8_t*>(input);

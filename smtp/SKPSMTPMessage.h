@@ -150,7 +150,8 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
   SKPSMTPMessageDelegate* delegate() const { return delegate_; }
   void setDelegate(SKPSMTPMessageDelegate* value) { delegate_ = value; }
 
-  // Starts the dialogue. True: a connection attempt is under way and the
+  // Starts the dialogue; called off the main thread, it hands the start to
+  // the main loop and waits for it. True: a connection attempt is under way and the
   // delegate will hear the outcome. False: no port was left or no connection
   // could be described (the delegate has been told, code -3). Throws
   // SKPSMTPAssertion when sent twice or when a required field is empty.

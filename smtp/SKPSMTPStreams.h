@@ -55,8 +55,8 @@ class SKPSMTPStream {
   SKPSMTPStreamStatus streamStatus() const;
   SKPSMTPError streamError() const;
 
-  // Read stream: bytes read (> 0), 0 at the end of the stream, -1 on error
-  // or when nothing is available yet.
+  // Read stream: bytes read (> 0), 0 when nothing is available (or at the
+  // end of the stream, which EndEncountered announces), -1 on error.
   [[nodiscard]] long read(std::uint8_t* buffer, std::size_t maxLength);
   // Write stream: bytes accepted (may be 0 when the socket is full or the
   // connection or TLS handshake is still under way), -1 on error.
