@@ -1,0 +1,270 @@
+// The built agent as a user runs it: its own process in a temporary home,
+// a private session bus with a mocked notification server, settings written
+// as the preferences application writes them, movies copied into real
+// folders. The agent runs as root inside its own mount namespace (see
+// tests/e2e/run-agent.sh), so its log lands in a folder of the test.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "MVRunLoop.h"
+#include "PrivateSessionBus.h"
+#include "TestSupport.h"
+
+extern char** environ;
+
+namespace fs = std::filesystem;
+using namespace quillon_test;
+
+namespace {
+
+const std::string kE2E = std::string(QUILLON_SOURCE_DIR) + "/tests/e2e";
+
+std::size_t countIn(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
+std::string settingsPath(const std::string& home) { return home + "/.config/com.morvane.Quillon.plist"; }
+
+// `json`: the root dictionary, e.g. {"watchFolders": ["/a"], "notifyGrowl": 1}.
+void writeSettings(const std::string& home, const std::string& json) {
+  ASSERT_EQ(shell("/usr/bin/python3 " + kE2E + "/write-settings.py " + quoted(settingsPath(home)) + " " + quoted(json)),
+            0);
+}
+
+std::string readSettings(const std::string& home) {
+  std::string json = shellOutput("/usr/bin/python3 " + kE2E + "/read-settings.py " + quoted(settingsPath(home)));
+  while (!json.empty() && json.back() == '\n') json.pop_back();
+  return json;
+}
+
+void writeMovie(const std::string& path) {
+  std::ofstream out(path, std::ios::binary);
+  std::string frames(300000, 'f');
+  out.write(frames.data(), static_cast<std::streamsize>(frames.size()));
+}
+
+// One run of build/bin/quillon-helper with HOME set to `home`.
+class Agent {
+ public:
+  explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {}) {
+    logDir_ = makeTempDir("agent-log");
+    std::vector<std::string> args = {"/bin/sh", kE2E + "/run-agent.sh", logDir_, binPath("quillon-helper")};
+    args.insert(args.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e)
+      if (std::string(*e).rfind("HOME=", 0) != 0) env.emplace_back(*e);
+    env.push_back("HOME=" + home);
+
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    for (auto& e : env) envp.push_back(e.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    // What the agent prints (and the sound library's complaints about a
+    // machine without audio) goes to a file beside the log.
+    output_ = logDir_ + "/output.txt";
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+    if (posix_spawn(&pid_, "/bin/sh", &files, nullptr, argv.data(), envp.data()) != 0) pid_ = 0;
+    posix_spawn_file_actions_destroy(&files);
+  }
+  ~Agent() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  void signal(int signo) const { kill(pid_, signo); }
+
+  // Sends `signo` and waits for the end; the raw wait status, or -1.
+  int stop(int signo = SIGTERM) {
+    kill(pid_, signo);
+    int status = -1;
+    bool ended = waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 20);
+    if (!ended) return -1;
+    pid_ = 0;
+    return status;
+  }
+  bool running() {
+    int status = 0;
+    return pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0;
+  }
+
+  std::string log() const {
+    std::string path = logDir_ + "/quillon-helper.1.log";
+    return fileExists(path) ? readFile(path) : std::string();
+  }
+  std::string output() const { return fileExists(output_) ? readFile(output_) : std::string(); }
+  std::size_t logCount(const std::string& part) const { return countIn(log(), part); }
+  // A folder's watch is live once an event for it shows in the log. A file
+  // written while the stream is being re-created is not seen (the stream
+  // starts from now), so after a reload the test writes a probe that is no
+  // media file, and thus never announced, until the agent logs the folder.
+  bool waitUntilWatching(const std::string& folder, double seconds) {
+    const std::string event = "path = " + folder + "/;";
+    std::size_t before = logCount(event);
+    int n = 0;
+    return waitUntil([&] {
+      writeFile(folder + "/probe.txt", std::to_string(++n));
+      MVRunLoop::main().runFor(0.2);
+      return logCount(event) > before || !running();
+    }, seconds) && logCount(event) > before;
+  }
+  bool waitForLog(const std::string& part, std::size_t count, double seconds) {
+    return waitUntil([&] { return logCount(part) >= count || !running(); }, seconds) && logCount(part) >= count;
+  }
+
+ private:
+  pid_t pid_ = 0;
+  std::string logDir_;
+  std::string output_;
+};
+
+class AgentEndToEnd : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(fs::exists(binPath("quillon-helper"))) << "build the quillon-helper target first";
+    ASSERT_TRUE(bus.isRunning()) << bus.error();
+    calls = makeTempDir("notifications") + "/calls.log";
+    bus.startDaemon("/usr/bin/python3 -m dbusmock --template notification_daemon -l " + calls +
+                    " >/dev/null 2>&1");
+    ASSERT_TRUE(bus.waitForOwner("org.freedesktop.Notifications", 20));
+    home = makeTempDir("agent-home");
+  }
+
+  // Notify calls from the agent that show `body` under "Render Complete".
+  std::size_t notified(const std::string& body) const {
+    std::istringstream lines(fileExists(calls) ? readFile(calls) : std::string());
+    std::size_t n = 0;
+    for (std::string line; std::getline(lines, line);)
+      if (line.find("Notify \"Quillon\" ") != std::string::npos &&
+          line.find("\"Render Complete\" \"" + body + "\"") != std::string::npos)
+        ++n;
+    return n;
+  }
+  bool waitForNotification(const std::string& body, double seconds = 30) const {
+    return waitUntil([&] { return notified(body) >= 1; }, seconds);
+  }
+
+  PrivateSessionBus bus;
+  std::string calls;
+  std::string home;
+};
+
+TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnEitherReload) {
+  const std::string a = home + "/Renders A", b = home + "/Renders B", c = home + "/Renders C";
+  for (const auto& f : {a, b, c}) fs::create_directories(f);
+  writeSettings(home, R"({"watchFolders": [")" + a + R"(", ")" + b + R"("], "notifyGrowl": 1, "notifySound": 1})");
+
+  Agent agent(home);
+  ASSERT_TRUE(agent.started());
+  ASSERT_TRUE(agent.waitForLog("Watch folders:", 1, 20)) << agent.log();
+  EXPECT_EQ(agent.logCount("Setting up..."), 1u);
+  ASSERT_TRUE(agent.waitUntilWatching(a, 20)) << agent.log();
+
+  writeMovie(a + "/a1.mov");
+  ASSERT_TRUE(waitForNotification("File: a1.mov")) << agent.log() << readFile(calls);
+  ASSERT_TRUE(agent.waitForLog("Render complete", 1, 10));
+  EXPECT_EQ(agent.logCount("fullPath = " + a + "/a1.mov;"), 1u) << agent.log();
+  EXPECT_EQ(agent.logCount("Checking folders"), 1u);
+
+  // The second folder; by now the first announcement is over five seconds old.
+  writeMovie(b + "/b1.mov");
+  ASSERT_TRUE(waitForNotification("File: b1.mov")) << agent.log();
+
+  // The preferences application rewrites the settings and posts the update
+  // on the bus: A is dropped, C is added.
+  writeSettings(home, R"({"watchFolders": [")" + b + R"(", ")" + c + R"("], "notifyGrowl": 1, "notifySound": 1})");
+  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
+                  "dict:string:string:"),
+            0);
+  ASSERT_TRUE(agent.waitForLog("Setting up...", 2, 20)) << agent.log();
+  ASSERT_TRUE(agent.waitUntilWatching(c, 20)) << "the added folder is not watched\n" << agent.log();
+  writeMovie(a + "/a2.mov");
+  writeMovie(c + "/c1.mov");
+  ASSERT_TRUE(waitForNotification("File: c1.mov")) << agent.log();
+  MVRunLoop::main().runFor(4);
+  EXPECT_EQ(agent.logCount("a2.mov"), 0u) << "a folder dropped from the settings is still watched\n" << agent.log();
+  EXPECT_EQ(notified("File: a2.mov"), 0u);
+
+  // SIGHUP reloads as well: only A remains.
+  writeSettings(home, R"({"watchFolders": [")" + a + R"("], "notifyGrowl": 1, "notifySound": 1})");
+  agent.signal(SIGHUP);
+  ASSERT_TRUE(agent.waitForLog("Setting up...", 3, 20)) << agent.log();
+  ASSERT_TRUE(agent.waitUntilWatching(a, 20)) << "the added folder is not watched\n" << agent.log();
+  writeMovie(c + "/c2.mov");
+  writeMovie(b + "/b2.mov");
+  writeMovie(a + "/a3.mov");
+  ASSERT_TRUE(waitForNotification("File: a3.mov")) << agent.log();
+  MVRunLoop::main().runFor(4);
+  EXPECT_EQ(agent.logCount("c2.mov"), 0u) << agent.log();
+  EXPECT_EQ(agent.logCount("b2.mov"), 0u) << agent.log();
+  EXPECT_EQ(agent.logCount("Render complete"), 4u);
+
+  // Every render told exactly once.
+  for (const char* body : {"File: a1.mov", "File: b1.mov", "File: c1.mov", "File: a3.mov"})
+    EXPECT_EQ(notified(body), 1u) << body;
+
+  int status = agent.stop(SIGTERM);
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(AgentEndToEnd, FirstRunWithDefaultSettingsWatchesTheRendersFolder) {
+  const std::string renders = home + "/Videos/Renders";
+  ASSERT_FALSE(fs::exists(settingsPath(home)));
+  {
+    Agent agent(home, {"--default-settings"});
+    ASSERT_TRUE(agent.started());
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(settingsPath(home)); }, 20)) << agent.log();
+    EXPECT_EQ(readSettings(home),
+              R"({"notifyGrowl": 1, "notifySound": 1, "watchFolders": [")" + renders + R"("]})");
+    EXPECT_TRUE(fs::is_directory(renders));
+
+    ASSERT_TRUE(agent.waitUntilWatching(renders, 20)) << agent.log();
+    writeMovie(renders + "/first.mov");
+    ASSERT_TRUE(waitForNotification("File: first.mov")) << agent.log();
+
+    int status = agent.stop(SIGTERM);
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    // Printed once the agent has ended (standard output is a file here).
+    EXPECT_NE(agent.output().find("no settings found; wrote " + settingsPath(home) + " watching " + renders),
+              std::string::npos)
+        << agent.output();
+  }
+
+  // A later run never replaces settings the user has made.
+  const std::string own = R"({"notifyGrowl": 0, "notifySound": 1, "watchFolders": [")" + renders + R"("]})";
+  writeSettings(home, own);
+  Agent again(home, {"--default-settings"});
+  ASSERT_TRUE(again.started());
+  ASSERT_TRUE(again.waitForLog("Watch folders:", 1, 20)) << again.log();
+  EXPECT_EQ(readSettings(home), own);
+  int status = again.stop(SIGINT);
+  ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(again.output().find("no settings found"), std::string::npos) << again.output();
+}
+
+}  // namespace

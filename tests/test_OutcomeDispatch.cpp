@@ -1,0 +1,587 @@
+// What the controller does when a render ends: the repeat guard, the
+// "only when inactive" rule, the actions run for each kind of render and
+// their order, the messages for e-mail and text, and the wait for the jobs
+// still running. The desktop, the sounds and the notification service are
+// recording fakes; scripts run for real.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "AppController.h"
+#include "MVGrowl.h"
+#include "MVLocalPaths.h"
+#include "MVLog.h"
+#include "MVPropertyList.h"
+#include "MVResources.h"
+#include "MVRunLoop.h"
+#include "MVSound.h"
+#include "MVWorkspace.h"
+#include "QuillonPreferences.h"
+#include "TestSupport.h"
+
+using namespace std::chrono_literals;
+using quillon_test::makeTempDir;
+using quillon_test::readFile;
+using quillon_test::waitUntil;
+using quillon_test::writeFile;
+using Calls = std::vector<std::string>;
+
+namespace {
+
+// Every call the fakes receive, in order, as one line each.
+class CallLog {
+ public:
+  void add(std::string call) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(std::move(call));
+  }
+  Calls take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(calls_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  Calls calls_;
+};
+
+class FakeNotifications : public MVUserNotificationCenter::Backend {
+ public:
+  explicit FakeNotifications(CallLog& log) : log_(log) {}
+  void deliverNotification(const MVUserNotification& n) override {
+    log_.add("notify:" + n.title + "|" + n.informativeText + "|" + n.iconPath);
+  }
+
+ private:
+  CallLog& log_;
+};
+
+// Sounds end at once (on the main thread, as the real ones do) unless held.
+class FakeSound : public MVSound::Backend {
+ public:
+  explicit FakeSound(CallLog& log) : log_(log) {}
+  void play(const std::string& name, MVSound::Completion onFinished) override {
+    log_.add("sound:" + name);
+    if (hold) {
+      held.push_back(std::move(onFinished));
+      return;
+    }
+    MVRunLoop::main().performOnMainThread([done = std::move(onFinished)] { done(true); }, false);
+  }
+  bool hold = false;
+  std::vector<MVSound::Completion> held;
+
+ private:
+  CallLog& log_;
+};
+
+class FakeWorkspace : public MVWorkspace::Backend {
+ public:
+  explicit FakeWorkspace(CallLog& log) : log_(log) {}
+  bool selectFile(const std::string& path, const std::string& root) override {
+    log_.add("reveal:" + path + " in " + root);
+    return true;
+  }
+  bool openFile(const std::string& path) override {
+    log_.add("open:" + path);
+    return true;
+  }
+  bool openFile(const std::string& path, const std::string& application) override {
+    log_.add("open:" + path + " with " + application);
+    return true;
+  }
+  std::string frontmostApplicationName() override { return "Finder"; }
+  std::string iconForFile(const std::string& path) override { return "icon-of:" + path; }
+
+ private:
+  CallLog& log_;
+};
+
+using Settings = std::vector<std::pair<std::string, MVPlistValue>>;
+
+void writeSettings(const Settings& settings) {
+  MVPlistValue root{MVPlistValue::Dictionary{}};
+  for (const auto& [key, value] : settings) root.set(key, value);
+  std::filesystem::create_directories(MVLocalPaths::prefsDirectory(true));
+  ASSERT_TRUE(MVPropertyList::write(QuillonPreferences::settingsPath(), root));
+}
+
+MVPlistValue render(const Settings& keys) {
+  MVPlistValue description{MVPlistValue::Dictionary{}};
+  for (const auto& [key, value] : keys) description.set(key, value);
+  return description;
+}
+
+std::string icon(const char* name) { return MVResources::pathForImageResource(name); }
+
+// The log of this test process, read from a remembered position on.
+class LogReader {
+ public:
+  LogReader() { offset_ = all().size(); }
+  std::string text() const { return all().substr(offset_); }
+  std::size_t count(const std::string& part) const {
+    std::string t = text();
+    std::size_t n = 0;
+    for (std::size_t at = t.find(part); at != std::string::npos; at = t.find(part, at + part.size())) ++n;
+    return n;
+  }
+
+ private:
+  static std::string all() {
+    MVLog::finishWriting();
+    return readFile(MVLog::currentLogPath());
+  }
+  std::size_t offset_ = 0;
+};
+
+class OutcomeDispatch : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { MVLog::createNewLog("test_OutcomeDispatch", true); }
+
+  void SetUp() override {
+    std::filesystem::remove(MVGlobalPreferences::path());
+    MVGrowl::defaultController();
+    previousCenter_ = MVUserNotificationCenter::setBackend(std::make_shared<FakeNotifications>(calls));
+    previousSound_ = MVSound::setBackend(sound);
+    previousWorkspace_ = MVWorkspace::setBackend(std::make_shared<FakeWorkspace>(calls));
+    folder = makeTempDir("renders");
+    // Never destroyed: a detached post-render worker may still hold it.
+    controller = new AppController();
+    now = std::chrono::system_clock::now();
+    controller->setClockForTesting([this] { return now; });
+  }
+  void TearDown() override {
+    MVRunLoop::main().runFor(0.05);  // let the fake sounds finish
+    MVUserNotificationCenter::setBackend(previousCenter_);
+    MVSound::setBackend(previousSound_);
+    MVWorkspace::setBackend(previousWorkspace_);
+  }
+
+  // A real file in the test folder, so that it has a modification date.
+  std::string file(const std::string& name) {
+    std::string path = folder + "/" + name;
+    writeFile(path, "frames of " + name);
+    return path;
+  }
+  MVPlistValue watchRender(const std::string& name) {
+    return render({{"type", "watchFile"}, {"fullPath", file(name)}, {"watchFilename", name}});
+  }
+  // A bash script that appends one line to `output` each time it runs.
+  std::string lineWriter(const std::string& name, const std::string& output) {
+    std::string script = folder + "/" + name;
+    writeFile(script, "echo ran >> '" + output + "'\n");
+    chmod(script.c_str(), 0644);  // not executable: it must be handed to bash
+    return script;
+  }
+  static std::size_t lines(const std::string& path) {
+    if (!quillon_test::fileExists(path)) return 0;
+    std::string text = readFile(path);
+    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  }
+
+  CallLog calls;
+  std::shared_ptr<FakeSound> sound = std::make_shared<FakeSound>(calls);
+  std::string folder;
+  AppController* controller = nullptr;
+  AppController::Date now;
+
+ private:
+  std::shared_ptr<MVUserNotificationCenter::Backend> previousCenter_;
+  std::shared_ptr<MVSound::Backend> previousSound_;
+  std::shared_ptr<MVWorkspace::Backend> previousWorkspace_;
+};
+
+TEST_F(OutcomeDispatch, SuccessRunsTheChosenActionsInOrderForEachKindOfRender) {
+  std::string script = folder + "/after render.py";
+  writeFile(script, "print('done')\n");
+  writeSettings({{"notifyFinder", 1},
+                 {"notifyQuickTime", 1},
+                 {"notifySendToApp", 1},
+                 {"sendToAppPath", "/opt/Editor/editor"},
+                 {"notifyRunScript", 1},
+                 {"scriptPath", script}});
+  const std::string d = folder;
+
+  struct Case {
+    const char* label;
+    MVPlistValue render;
+    Calls expected;
+  };
+  const Case cases[] = {
+      {"watch folder movie", watchRender("clip.mov"),
+       {"notify:Render Complete|File: clip.mov|icon-of:" + d, "sound:Glass", "reveal:" + d + "/clip.mov in " + d,
+        "open:" + d + "/clip.mov with QuickTime Player", "open:" + d + "/clip.mov with /opt/Editor/editor",
+        "open:" + script}},
+      // QuickTime Player cannot open MXF or R3D media, in any case of extension.
+      {"watch folder MXF", watchRender("take.MXF"),
+       {"notify:Render Complete|File: take.MXF|icon-of:" + d, "sound:Glass", "reveal:" + d + "/take.MXF in " + d,
+        "open:" + d + "/take.MXF with /opt/Editor/editor", "open:" + script}},
+      {"watch folder r3d", watchRender("a001.R3d"),
+       {"notify:Render Complete|File: a001.R3d|icon-of:" + d, "sound:Glass", "reveal:" + d + "/a001.R3d in " + d,
+        "open:" + d + "/a001.R3d with /opt/Editor/editor", "open:" + script}},
+      // The applications' own renders get no file actions.
+      {"Final Cut Pro", render({{"type", "fcpRender"}, {"fullPath", file("fcp.mov")}, {"projectName", "Theme"}}),
+       {"notify:Render Complete|Project: Theme|" + icon("Final Cut Pro.icns"), "sound:Glass", "open:" + script}},
+      {"Final Cut Pro without project", render({{"type", "fcpRender"}, {"fullPath", file("fcp2.mov")}}),
+       {"notify:Render Complete||" + icon("Final Cut Pro.icns"), "sound:Glass", "open:" + script}},
+      {"Avid", render({{"type", "avidRender"}, {"fullPath", file("v01.mxf")}}),
+       {"notify:Render Complete|File: v01.mxf|" + icon("Avid.icns"), "sound:Glass", "open:" + script}},
+      {"Premiere with project",
+       render({{"type", "premiereRender"}, {"fullPath", file("prev.mov")}, {"projectName", "Promo"}}),
+       {"notify:Render Complete|File: Promo|" + icon("Premiere.icns"), "sound:Glass", "open:" + script}},
+      {"Media Encoder", render({{"type", "ameQueue"}, {"fullPath", file("AMEEncodingLog.txt")}}),
+       {"notify:Render Complete|Adobe Media Encoder queue finished|" + icon("AME.icns"), "sound:Glass",
+        "open:" + script}},
+      {"Compressor", render({{"type", "qmaster"}, {"batchid", "B-1"}, {"name", "Night%20Batch%C3%A9"}}),
+       {"notify:Render Complete|Batch: Night Batch\xc3\xa9|" + icon("Compressor4.icns"), "sound:Glass",
+        "open:" + script}},
+      // A name whose escapes do not decode shows no text at all.
+      {"Compressor, broken escape", render({{"type", "qmaster"}, {"batchid", "B-2"}, {"name", "100%"}}),
+       {"notify:Render Complete||" + icon("Compressor4.icns"), "sound:Glass", "open:" + script}},
+  };
+  ASSERT_FALSE(icon("Avid.icns").empty()) << "the notification icons are not found";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    controller->setLastNotificationShown(std::nullopt);
+    LogReader log;
+    controller->renderDidFinishSuccessfully(c.render);
+    EXPECT_EQ(calls.take(), c.expected);
+    EXPECT_EQ(log.count("Render finished: "), 1u);
+    EXPECT_EQ(log.count("Render complete"), 1u);
+  }
+}
+
+TEST_F(OutcomeDispatch, FailureTellsOnlyByNotificationAndSound) {
+  writeSettings({{"notifyFinder", 1},
+                 {"notifyQuickTime", 1},
+                 {"notifySendToApp", 1},
+                 {"sendToAppPath", "/opt/Editor/editor"},
+                 {"notifyRunScript", 1},
+                 {"scriptPath", folder + "/never.py"},
+                 {"onlyWhenInactive", 1}});
+  // No frontmost test on failure, whatever is in front.
+  controller->setFrontmostApplicationForTesting([] { return std::string("Final Cut Pro"); });
+  const std::string d = folder;
+
+  struct Case {
+    const char* label;
+    MVPlistValue render;
+    std::string notification;
+  };
+  const Case cases[] = {
+      {"watch folder", watchRender("clip.mov"), "notify:Render Failed|File: clip.mov|icon-of:" + d},
+      {"Final Cut Pro", render({{"type", "fcpRender"}, {"fullPath", file("f.mov")}, {"projectName", "Theme"}}),
+       "notify:Render Failed|Project: Theme|" + icon("Final Cut Pro.icns")},
+      // The project name is not used on failure: always the file's name.
+      {"Avid", render({{"type", "avidRender"}, {"fullPath", file("a.mxf")}, {"projectName", "Reel"}}),
+       "notify:Render Failed|File: a.mxf|" + icon("Avid.icns")},
+      {"Premiere", render({{"type", "premiereRender"}, {"fullPath", file("p.mov")}, {"projectName", "Promo"}}),
+       "notify:Render Failed|File: p.mov|" + icon("Premiere.icns")},
+      {"Media Encoder", render({{"type", "ameQueue"}}),
+       "notify:Render Failed|Adobe Media Encoder queue stopped.|" + icon("AME.icns")},
+      // On failure the batch name is shown as it came, escapes and all.
+      {"Compressor", render({{"type", "qmaster"}, {"batchid", "F-1"}, {"name", "Night%20Batch"}}),
+       "notify:Render Failed|Batch: Night%20Batch|" + icon("Compressor4.icns")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    controller->setLastNotificationShown(std::nullopt);
+    LogReader log;
+    controller->renderDidFail(c.render);
+    EXPECT_EQ(calls.take(), (Calls{c.notification, "sound:Sosumi"}));
+    EXPECT_EQ(log.count("Render failed: "), 1u);
+    EXPECT_EQ(log.count("Render complete"), 0u);
+  }
+}
+
+TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) {
+  std::string output = folder + "/ran.txt";
+  std::string script = lineWriter("record.sh", output);
+  struct Case {
+    const char* label;
+    Settings settings;
+    bool notify, sound, reveal, script;
+  };
+  const Case cases[] = {
+      {"empty settings", {}, true, true, false, false},
+      {"signals off", {{"notifyGrowl", 0}, {"notifySound", 0}}, false, false, false, false},
+      {"value 2 is not on", {{"notifyGrowl", 2}, {"notifySound", 2}, {"notifyFinder", 2}}, false, false, false, false},
+      {"string one is on", {{"notifyGrowl", "1"}, {"notifySound", true}, {"notifyFinder", "1"}}, true, true, true, false},
+      {"script without a path", {{"notifyRunScript", 1}, {"scriptPath", ""}}, true, true, false, false},
+      {"script", {{"notifyGrowl", 0}, {"notifySound", 0}, {"notifyRunScript", 1}, {"scriptPath", script}}, false,
+       false, false, true},
+  };
+  std::size_t scriptRuns = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    writeSettings(c.settings);
+    controller->setLastNotificationShown(std::nullopt);
+    controller->renderDidFinishSuccessfully(watchRender("clip.mov"));
+    // Each render is a new write of the file, so none is a repeat.
+    Calls got = calls.take();
+    auto has = [&](const std::string& prefix) {
+      for (const auto& call : got)
+        if (call.rfind(prefix, 0) == 0) return true;
+      return false;
+    };
+    EXPECT_EQ(has("notify:"), c.notify);
+    EXPECT_EQ(has("sound:"), c.sound);
+    EXPECT_EQ(has("reveal:"), c.reveal);
+    EXPECT_FALSE(has("open:")) << "QuickTime Player and send-to-application are off in every case";
+    if (c.script) ++scriptRuns;
+    EXPECT_TRUE(waitUntil([&] { return lines(output) == scriptRuns; }, 10));
+  }
+  // A send-to-application switch with no application opens nothing.
+  writeSettings({{"notifySendToApp", 1}, {"notifyGrowl", 0}, {"notifySound", 0}});
+  controller->setLastNotificationShown(std::nullopt);
+  controller->renderDidFinishSuccessfully(watchRender("lonely.mov"));
+  EXPECT_EQ(calls.take(), Calls{});
+}
+
+TEST_F(OutcomeDispatch, RepeatGuardSilencesOnlyTheSignalsOfASuccessAndDropsAFailure) {
+  std::string output = folder + "/ran.txt";
+  // A capital "SH" still means a shell script, run by bash.
+  std::string script = lineWriter("after.SH", output);
+  writeSettings({{"notifyRunScript", 1}, {"scriptPath", script}});
+  AppController::Date start = now;
+
+  LogReader log;
+  controller->renderDidFinishSuccessfully(watchRender("first.mov"));
+  EXPECT_EQ(calls.take(), (Calls{"notify:Render Complete|File: first.mov|icon-of:" + folder, "sound:Glass"}));
+  ASSERT_TRUE(waitUntil([&] { return lines(output) == 1; }, 10)) << "the script did not run through bash";
+
+  // Three seconds later: no notification and no sound, but the script runs.
+  now = start + 3s;
+  controller->renderDidFinishSuccessfully(watchRender("second.mov"));
+  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_TRUE(waitUntil([&] { return lines(output) == 2; }, 10)) << "a quiet success must still run the script";
+  EXPECT_EQ(log.count("Last notification completed less than 5 seconds ago... skipping"), 1u);
+  EXPECT_EQ(log.count("Render complete"), 2u);
+  EXPECT_EQ(controller->lastNotificationShown(), start + 3s) << "a quiet success still counts as the last outcome";
+  // It was still recorded as announced.
+  EXPECT_TRUE(controller->isFileRepeated(folder + "/second.mov"));
+
+  // A failure three seconds after that is dropped entirely and leaves the
+  // time of the last outcome alone.
+  now = start + 6s;
+  controller->renderDidFail(watchRender("failed.mov"));
+  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_EQ(controller->lastNotificationShown(), start + 3s);
+  EXPECT_FALSE(controller->isFileRepeated(folder + "/failed.mov")) << "a dropped failure records nothing";
+
+  // Exactly five seconds after the last outcome is no longer a repeat.
+  now = start + 8s;
+  controller->renderDidFail(watchRender("failed.mov"));
+  EXPECT_EQ(calls.take(), (Calls{"notify:Render Failed|File: failed.mov|icon-of:" + folder, "sound:Sosumi"}));
+  EXPECT_EQ(controller->lastNotificationShown(), start + 8s);
+
+  now = start + 12s + 990ms;
+  controller->renderDidFinishSuccessfully(watchRender("third.mov"));
+  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_TRUE(waitUntil([&] { return lines(output) == 3; }, 10));
+  MVRunLoop::main().runFor(0.3);
+  EXPECT_EQ(lines(output), 3u) << "failures never run the script";
+}
+
+TEST_F(OutcomeDispatch, AnItemIsAnnouncedOnceUntilItChanges) {
+  writeSettings({});
+  auto announce = [&](const MVPlistValue& r, bool success = true) {
+    controller->setLastNotificationShown(std::nullopt);
+    if (success)
+      controller->renderDidFinishSuccessfully(r);
+    else
+      controller->renderDidFail(r);
+    return calls.take().size();
+  };
+  MVPlistValue movie = watchRender("once.mov");
+  EXPECT_EQ(announce(movie), 2u);
+  EXPECT_EQ(announce(movie), 0u) << "the unchanged file was announced already";
+  EXPECT_EQ(announce(movie, false), 0u) << "nor does it fail afterwards";
+  MVPlistValue rewritten = watchRender("once.mov");  // written again: a new date
+  struct stat st {};
+  ASSERT_EQ(stat((folder + "/once.mov").c_str(), &st), 0);
+  timespec later[2] = {st.st_mtim, st.st_mtim};
+  later[0].tv_sec += 2;
+  later[1].tv_sec += 2;
+  ASSERT_EQ(utimensat(AT_FDCWD, (folder + "/once.mov").c_str(), later, 0), 0);
+  EXPECT_EQ(announce(rewritten), 2u) << "a touched file is a new render";
+
+  // A batch is told once, on success and on failure alike.
+  MVPlistValue batch = render({{"type", "qmaster"}, {"batchid", "77"}, {"name", "Dailies"}});
+  EXPECT_EQ(announce(batch), 2u);
+  EXPECT_EQ(announce(batch), 0u);
+  EXPECT_EQ(announce(batch, false), 0u);
+  MVPlistValue failing = render({{"type", "qmaster"}, {"batchid", "78"}, {"name", "Dailies"}});
+  EXPECT_EQ(announce(failing, false), 2u);
+  EXPECT_EQ(announce(failing, false), 0u);
+  EXPECT_EQ(*controller->recentBatches(), (std::vector<std::string>{"77", "78"}));
+
+  // The Media Encoder failure has no path, so nothing stops a second one.
+  MVPlistValue queue = render({{"type", "ameQueue"}});
+  EXPECT_EQ(announce(queue, false), 2u);
+  EXPECT_EQ(announce(queue, false), 2u);
+}
+
+TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront) {
+  std::string frontmost;
+  controller->setFrontmostApplicationForTesting([&] { return frontmost; });
+
+  struct Case {
+    const char* label;
+    MVPlistValue render;
+    int option;
+    const char* front;
+    const char* skipMessage;  // nullptr: notified
+  };
+  int n = 0;
+  auto fcp = [&] { return render({{"type", "fcpRender"}, {"fullPath", file("f" + std::to_string(++n) + ".mov")}}); };
+  auto avid = [&] { return render({{"type", "avidRender"}, {"fullPath", file("a" + std::to_string(++n) + ".mxf")}}); };
+  auto premiere = [&] {
+    return render({{"type", "premiereRender"}, {"fullPath", file("p" + std::to_string(++n) + ".mov")}});
+  };
+  auto ame = [&] { return render({{"type", "ameQueue"}, {"fullPath", file("q" + std::to_string(++n) + ".txt")}}); };
+  auto batch = [&] { return render({{"type", "qmaster"}, {"batchid", std::to_string(++n)}, {"name", "b"}}); };
+  const Case cases[] = {
+      // One test with the Avid name serves Premiere renders too.
+      {"Premiere behind Avid", premiere(), 1, "Avid Media Composer", "Avid is currently active...skipping"},
+      {"Premiere in front", premiere(), 1, "Adobe Premiere Pro", nullptr},
+      {"Avid in front", avid(), 1, "Avid Media Composer", "Avid is currently active...skipping"},
+      {"Avid, option off", avid(), 0, "Avid Media Composer", nullptr},
+      {"Avid, option 2", avid(), 2, "Avid Media Composer", nullptr},
+      {"Final Cut Pro in front", fcp(), 1, "Final Cut Pro", "Final Cut Pro is currently active...skipping"},
+      {"Final Cut Pro behind Avid", fcp(), 1, "Avid Media Composer", nullptr},
+      {"Media Encoder in front", ame(), 1, "Adobe Media Encoder", "Adobe Media Encoder is currently active...skipping"},
+      {"Compressor in front", batch(), 1, "Compressor", "Compressor is currently active...skipping"},
+      {"Compressor, other in front", batch(), 1, "Final Cut Pro", nullptr},
+      {"watch folder has no such test", watchRender("w.mov"), 1, "Final Cut Pro", nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    writeSettings({{"onlyWhenInactive", c.option}, {"notifyFinder", 1}});
+    frontmost = c.front;
+    controller->setLastNotificationShown(std::nullopt);
+    LogReader log;
+    controller->renderDidFinishSuccessfully(c.render);
+    Calls got = calls.take();
+    if (c.skipMessage) {
+      EXPECT_EQ(got, Calls{});
+      EXPECT_EQ(log.count(c.skipMessage), 1u);
+      EXPECT_EQ(log.count("Render complete"), 0u);
+      // Skipped counts as told: it is not announced once the user looks away.
+      frontmost = "Finder";
+      controller->setLastNotificationShown(std::nullopt);
+      controller->renderDidFinishSuccessfully(c.render);
+      EXPECT_EQ(calls.take(), Calls{}) << "a skipped render was announced later";
+    } else {
+      EXPECT_GE(got.size(), 2u);
+      EXPECT_EQ(log.count("currently active...skipping"), 0u);
+    }
+  }
+}
+
+TEST_F(OutcomeDispatch, WaitForAsyncJobsFollowsTheSoundsStillPlaying) {
+  writeSettings({});
+  // A counter that went below zero is reset and nothing is waited for.
+  controller->setAsyncJobs(-3);
+  controller->waitForAsyncJobsWithTimeout(30);
+  EXPECT_EQ(controller->asyncJobs(), 0);
+  controller->setAsyncJobs(0);
+  controller->waitForAsyncJobs();
+  EXPECT_EQ(controller->asyncJobs(), 0);
+
+  // Each sound is one job until it ends.
+  sound->hold = true;
+  controller->renderDidFinishSuccessfully(watchRender("one.mov"));
+  now += 10s;
+  controller->renderDidFail(watchRender("two.mov"));
+  EXPECT_EQ(controller->asyncJobs(), 2);
+
+  LogReader log;
+  controller->waitForAsyncJobsWithTimeout(0.2);
+  EXPECT_EQ(controller->asyncJobs(), 2) << "a timed-out wait keeps the count";
+  EXPECT_EQ(log.count("Async jobs timed out"), 1u);
+  EXPECT_EQ(log.count("Jobs remaining: 2"), 1u);
+
+  // The endings arrive through the main loop while the wait turns it.
+  auto held = std::move(sound->held);
+  ASSERT_EQ(held.size(), 2u);
+  auto finishOne = MVRunLoop::main().scheduleTimer(0.1, false, [&] { held[0](true); });
+  auto finishOther = MVRunLoop::main().scheduleTimer(0.2, false, [&] { held[1](false); });
+  controller->waitForAsyncJobsWithTimeout(30);
+  EXPECT_EQ(controller->asyncJobs(), 0);
+  EXPECT_EQ(log.count("Async jobs timed out"), 1u) << "the second wait ended because the sounds ended";
+}
+
+TEST(RenderMessages, EveryKindHasItsSubjectAndBodies) {
+  const std::string computer = AppController::computerName();
+  ASSERT_FALSE(computer.empty());
+  auto with = [](const Settings& keys) { return render(keys); };
+  struct Case {
+    const char* label;
+    MVPlistValue render;
+    bool success;
+    std::string subject, email, text;
+  };
+  const std::string on = " on computer \"" + computer + "\"";
+  const Case cases[] = {
+      {"batch ok", with({{"type", "qmaster"}, {"name", "Dailies"}}), true, "Dailies Batch Finished",
+       "The Compressor batch \"Dailies\"" + on + " has now finished.", "The Compressor batch \"Dailies\"" + on + " finished."},
+      {"batch failed", with({{"type", "qmaster"}, {"name", "Dailies"}}), false, "Dailies Batch Failed",
+       "The Compressor batch \"Dailies\"" + on + " failed to render.", "The Compressor batch \"Dailies\"" + on + " failed."},
+      {"fcp ok", with({{"type", "fcpRender"}, {"projectName", "Theme"}}), true, "Theme Render Finished",
+       "The Final Cut Pro render for \"Theme\"" + on + " has now finished.",
+       "The Final Cut Pro render for \"Theme\"" + on + " finished."},
+      {"fcp failed", with({{"type", "fcpRender"}, {"projectName", "Theme"}}), false, "Theme Render Failed",
+       "The Final Cut Pro render for \"Theme\"" + on + " failed.", "The Final Cut Pro render for \"Theme\"" + on + " failed."},
+      {"avid ok", with({{"type", "avidRender"}}), true, "Avid Render Finished",
+       "The Avid render" + on + " has now finished.", "The Avid render" + on + " finished."},
+      {"avid failed", with({{"type", "avidRender"}, {"projectName", "Reel"}}), false, "Avid Render Failed",
+       "The Avid render" + on + " failed.", "The Avid render" + on + " failed."},
+      {"ame ok", with({{"type", "ameQueue"}}), true, "AME Queue Finished",
+       "The Adobe Media Encoder queue" + on + " has now finished.", "The AME queue" + on + " finished."},
+      {"ame failed", with({{"type", "ameQueue"}}), false, "AME Queue Failed",
+       "The Adobe Media Encoder queue" + on + " failed.", "The AME queue" + on + " failed."},
+      {"premiere ok", with({{"type", "premiereRender"}}), true, "Premiere Render Finished",
+       "The Premiere Pro render" + on + " has now finished.", "The Premiere render" + on + " finished."},
+      {"premiere failed", with({{"type", "premiereRender"}}), false, "Premiere Render Failed",
+       "The Premiere Pro render" + on + " failed.", "The Premiere render" + on + " failed."},
+      {"watch ok", with({{"type", "watchFile"}, {"watchFilename", "clip.mov"}, {"fullPath", "/renders/out/clip.mov"}}),
+       true, "clip.mov Finished",
+       "The file \"clip.mov\" in the watch folder \"/renders/out\"" + on + " finished rendering.",
+       "The file \"clip.mov\"" + on + " finished rendering."},
+      {"watch failed, no type",
+       with({{"watchFilename", "clip.mov"}, {"fullPath", "/renders/out/clip.mov"}}), false, "clip.mov Failed",
+       "The file \"clip.mov\" in the watch folder \"/renders/out\"" + on + " failed to render.",
+       "The file \"clip.mov\"" + on + " failed to render."},
+      // The subject shows the last component of the name; the bodies the name itself.
+      {"watch name with folder",
+       with({{"type", "other"}, {"watchFilename", "day 2/clip.mov"}, {"fullPath", "/r/day 2/clip.mov"}}), true,
+       "clip.mov Finished", "The file \"day 2/clip.mov\" in the watch folder \"/r/day 2\"" + on + " finished rendering.",
+       "The file \"day 2/clip.mov\"" + on + " finished rendering."},
+      // Nothing to name: the plain message.
+      {"fcp without project", with({{"type", "fcpRender"}}), true, "Render Complete", "Your render has now finished.",
+       "Your render has now finished."},
+      {"batch without name", with({{"type", "qmaster"}}), false, "Render Failed", "Your render failed.",
+       "Your render failed."},
+      {"watch without name", with({{"fullPath", "/r/x.mov"}}), true, "Render Complete",
+       "Your render has now finished.", "Your render has now finished."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.label);
+    AppController::Message m = AppController::messageForRender(c.render, c.success);
+    EXPECT_EQ(m.subject, c.subject);
+    EXPECT_EQ(m.emailBody, c.email);
+    EXPECT_EQ(m.textBody, c.text);
+  }
+}
+
+}  // namespace
