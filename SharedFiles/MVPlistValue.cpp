@@ -127,7 +127,8 @@ std::size_t MVPlistValue::count() const {
 }
 
 const MVPlistValue& MVPlistValue::operator[](const std::string& key) const {
-  static const MVPlistValue nil;
+  // Never destroyed: worker threads may still read it while the process exits.
+  static const MVPlistValue& nil = *new MVPlistValue();
   const Dictionary* d = dictionary();
   if (!d) return nil;
   auto it = d->find(key);

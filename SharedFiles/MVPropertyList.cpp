@@ -45,6 +45,35 @@ constexpr long long kReferenceDateOffset = 978307200;
 // corrupt file; they read as nil rather than exhausting the stack.
 constexpr int kMaxDepth = 512;
 
+bool isValidUTF8(const std::string& text) {
+  for (std::size_t i = 0; i < text.size();) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    std::size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+    if (len == 0 || i + len > text.size()) return false;
+    for (std::size_t k = 1; k < len; ++k)
+      if ((static_cast<unsigned char>(text[i + k]) & 0xC0) != 0x80) return false;
+    i += len;
+  }
+  return true;
+}
+
+// Text that is not UTF-8 (an ASCII-typed binary string with high bytes, a
+// hand-edited XML file) is read as Latin-1, so that every string we hold
+// can be written back; dropping it would lose the value on the next save.
+std::string utf8FromPlistString(std::string text) {
+  if (isValidUTF8(text)) return text;
+  std::string out;
+  for (unsigned char c : text) {
+    if (c < 0x80) {
+      out += static_cast<char>(c);
+    } else {
+      out += static_cast<char>(0xC0 | (c >> 6));
+      out += static_cast<char>(0x80 | (c & 0x3F));
+    }
+  }
+  return out;
+}
+
 MVPlistValue fromNode(plist_t node, int depth) {
   if (!node || depth > kMaxDepth) return {};
   switch (plist_get_node_type(node)) {
@@ -74,7 +103,7 @@ MVPlistValue fromNode(plist_t node, int depth) {
       uint64_t length = 0;
       const char* s = plist_get_string_ptr(node, &length);
       if (!s) return MVPlistValue(std::string());
-      return MVPlistValue(std::string(s, static_cast<std::size_t>(length)));
+      return MVPlistValue(utf8FromPlistString(std::string(s, static_cast<std::size_t>(length))));
     }
     case PLIST_DATA: {
       uint64_t length = 0;
@@ -112,7 +141,7 @@ MVPlistValue fromNode(plist_t node, int depth) {
         CBuffer key(rawKey);
         if (!value) break;
         MVPlistValue item = fromNode(value, depth + 1);
-        if (key && !item.isNil()) dictionary[key.get()] = std::move(item);
+        if (key && !item.isNil()) dictionary[utf8FromPlistString(key.get())] = std::move(item);
       }
       return MVPlistValue(std::move(dictionary));
     }
@@ -181,6 +210,36 @@ std::uint64_t bigEndian(const unsigned char* p, unsigned size) {
   return v;
 }
 
+// True when no string object holds a NUL character: the codec asserts on a
+// dictionary key with one, which would end the process on a crafted file.
+bool binaryStringsHaveNoNul(const unsigned char* p, std::uint64_t objectsEnd, std::uint64_t table, std::uint64_t count,
+                            unsigned offsetSize) {
+  for (std::uint64_t index = 0; index < count; ++index) {
+    std::uint64_t at = 0;
+    for (unsigned k = 0; k < offsetSize; ++k) at = (at << 8) | p[table + index * offsetSize + k];
+    if (at < 8 || at >= objectsEnd) return false;
+    unsigned type = p[at] >> 4;
+    if (type != 0x5 && type != 0x6) continue;
+    std::uint64_t n = p[at] & 0xF;
+    std::uint64_t pos = at + 1;
+    if (n == 0xF) {
+      if (pos >= objectsEnd || (p[pos] >> 4) != 0x1 || (p[pos] & 0xF) > 3) return false;
+      unsigned length = 1u << (p[pos] & 0xF);
+      if (pos + 1 + length > objectsEnd) return false;
+      n = 0;
+      for (unsigned k = 0; k < length; ++k) n = (n << 8) | p[pos + 1 + k];
+      pos += 1 + length;
+    }
+    std::uint64_t unit = type == 0x6 ? 2 : 1;
+    if (n > objectsEnd || n * unit > objectsEnd - pos) return false;
+    for (std::uint64_t i = 0; i < n; ++i) {
+      bool nul = unit == 1 ? p[pos + i] == 0 : (p[pos + 2 * i] == 0 && p[pos + 2 * i + 1] == 0);
+      if (nul) return false;
+    }
+  }
+  return true;
+}
+
 // True when the object graph of a binary property list is acyclic, at most
 // kMaxDepth deep and at most kMaxNodes large once shared objects are copied.
 bool binaryGraphIsSafe(const std::string& bytes) {
@@ -195,6 +254,7 @@ bool binaryGraphIsSafe(const std::string& bytes) {
   if (offsetSize < 1 || offsetSize > 8 || refSize < 1 || refSize > 8) return false;
   if (count == 0 || top >= count || table < 8 || table >= objectsEnd || count > (objectsEnd - table) / offsetSize)
     return false;
+  if (!binaryStringsHaveNoNul(p, objectsEnd, table, count, offsetSize)) return false;
 
   struct Refs {
     std::uint64_t start = 0, count = 0;

@@ -21,11 +21,11 @@ std::string stringSetting(const char* key) {
 // A message whose required fields are empty (no server, no sender) is a
 // settings mistake, not a reason to stop the agent: log it and count the job
 // as finished.
-void startSending(AppController& controller, const std::shared_ptr<SKPSMTPMessage>& message) {
+void startSending(AppController& controller, const std::shared_ptr<SKPSMTPMessage>& message, const char* operation) {
   try {
     message->send();
   } catch (const SKPSMTPAssertion& assertion) {
-    MVException::logException("SKPSMTPAssertion", assertion.what(), "sendEmail:success:");
+    MVException::logException("SKPSMTPAssertion", assertion.what(), operation);
     controller.messageFailed(message, SKPSMTPError{kSKPSMTPMessageErrorDomain, kSKPSMTPErrorConnectionFailed,
                                                    assertion.what(), "Check the mail settings."});
   }
@@ -90,7 +90,7 @@ void AppController::sendEmail(const RenderDescription& render, bool success) {
   Message text = messageForRender(render, success);
   message->setSubject(text.subject);
   message->setParts(plainTextPart(text.emailBody));
-  startSending(*this, message);
+  startSending(*this, message, "sendEmail:success:");
 }
 
 void AppController::sendTextMessage(const RenderDescription& render, bool success) {
@@ -118,7 +118,7 @@ void AppController::sendTextMessage(const RenderDescription& render, bool succes
   Message text = messageForRender(render, success);
   message->setSubject(text.subject);
   message->setParts(plainTextPart(text.textBody));
-  startSending(*this, message);
+  startSending(*this, message, "sendTextMessage:success:");
 }
 
 void AppController::messageSent(const std::shared_ptr<SKPSMTPMessage>& message) {

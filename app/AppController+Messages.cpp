@@ -12,12 +12,13 @@ using namespace quillon;
 std::string AppController::computerName() {
   char host[256] = {};
   if (gethostname(host, sizeof host - 1) != 0) return "";
-  // Each word capitalised, the rest lower case, words split at blanks.
+  // Each word capitalised and the rest lower case; anything that is not a
+  // letter or digit separates words ("studio-mac" reads "Studio-Mac").
   std::string name = host;
   bool wordStart = true;
   for (char& c : name) {
     unsigned char u = static_cast<unsigned char>(c);
-    if (std::isspace(u)) {
+    if (!std::isalnum(u)) {
       wordStart = true;
       continue;
     }

@@ -16,6 +16,7 @@
 #include "MVLog.h"
 #include "MVPropertyList.h"
 #include "MVRunLoop.h"
+#include "MVSingleInstance.h"
 #include "PlatformLinux.h"
 #include "QuillonHelperAppDelegate.h"
 #include "QuillonPreferences.h"
@@ -68,6 +69,13 @@ int main(int argc, char** argv) {
     }
   }
 
+  // A second agent for the same user would announce every render twice.
+  // Exit 0: the service manager must not restart a copy that is not needed.
+  if (!MVSingleInstance::acquire("quillon-helper")) {
+    std::fprintf(stderr, "quillon-helper: Quillon is already running for this user (pid %d); this copy exits.\n",
+                 static_cast<int>(MVSingleInstance::holderProcessID("quillon-helper").value_or(0)));
+    return 0;
+  }
   MVCrashLog::install(MVBugReporter::defaultApplicationName());
   auto loop = quillon::createPlatformRunLoop();
   MVRunLoop::setMain(loop);

@@ -2,6 +2,9 @@
 
 #include <cstdio>
 #include <iostream>
+#include <mutex>
+
+#include "MVLog.h"
 
 #include "PrefsCommands.h"
 #include "QuillonPreferences.h"
@@ -127,6 +130,11 @@ int runHelp(const Arguments& arguments) {
 }
 
 }  // namespace prefs
+
+void startToolLog() {
+  static std::once_flag started;
+  std::call_once(started, [] { MVLog::createNewLog("quillon-prefs", /*noPrinting=*/true); });
+}
 
 int runPrefsTool(const std::vector<std::string>& arguments) {
   using namespace prefs;

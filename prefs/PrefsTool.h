@@ -13,3 +13,7 @@
 #include <vector>
 
 int runPrefsTool(const std::vector<std::string>& arguments);
+
+// Starts the tool's own log ("quillon-prefs"), once, without printing its
+// troubles: the shared code that the tool uses reports there.
+void startToolLog();

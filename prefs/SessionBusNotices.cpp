@@ -1,11 +1,10 @@
 #include "SessionBusNotices.h"
 
-#include <mutex>
 
 #include "DesktopGLib.h"
 #include "DesktopServices.h"
 #include "MVDistributedNotificationCenter.h"
-#include "MVLog.h"
+#include "PrefsTool.h"
 
 using quillon::desktop::ErrorOut;
 using quillon::desktop::GCharPtr;
@@ -30,8 +29,7 @@ std::string missingBusReason() {
 GObjectPtr<GDBusConnection> sessionBus(std::string& problem) {
   // The shared connection writes its troubles to the log. The tool keeps a
   // log of its own for them, quietly: the user hears the reason from us.
-  static std::once_flag logStarted;
-  std::call_once(logStarted, [] { MVLog::createNewLog("quillon-prefs", /*noPrinting=*/true); });
+  startToolLog();
   GObjectPtr<GDBusConnection> connection = SessionBus::connection();
   if (!connection) problem = missingBusReason();
   return connection;

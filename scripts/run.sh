@@ -8,7 +8,7 @@ source scripts/deps.sh
 quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" || exit 1
 
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc)" --target quillon-helper
+cmake --build build -j "$(nproc)" --target quillon-helper quillon-prefs
 
 # Run as root, the agent writes its log under /var/log/Morvane, which only
 # an administrator can create.

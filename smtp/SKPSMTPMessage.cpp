@@ -12,8 +12,10 @@ namespace {
 bool hasPrefix(const std::string& line, const char* prefix) { return line.rfind(prefix, 0) == 0; }
 bool contains(const std::string& line, const char* text) { return line.find(text) != std::string::npos; }
 
-void assertThat(bool condition, const char* reason, std::source_location where = std::source_location::current()) {
-  if (!condition) throw SKPSMTPAssertion(reason, where);
+// __builtin_LINE rather than std::source_location: clang 14 with this C++
+// library cannot build the latter.
+void assertThat(bool condition, const char* reason, unsigned line = __builtin_LINE()) {
+  if (!condition) throw SKPSMTPAssertion(reason, line);
 }
 
 // The user-facing texts are the English originals; a localised build would

@@ -30,7 +30,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <source_location>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -82,8 +81,7 @@ enum SKPSMTPState : int {
 // required field). Callers are expected to let it surface in development.
 class SKPSMTPAssertion : public std::logic_error {
  public:
-  SKPSMTPAssertion(const std::string& reason, std::source_location where)
-      : std::logic_error(reason), line_(where.line()) {}
+  SKPSMTPAssertion(const std::string& reason, unsigned line) : std::logic_error(reason), line_(line) {}
   static const char* source() { return "SKPSMTPMessage"; }
   unsigned line() const { return line_; }
 

@@ -1,0 +1,268 @@
+// The Final Cut Pro, Premiere and Media Encoder watchers on the controller:
+// hand-made preference files lead them to the folders they watch with real
+// inotify, and renders written there are announced with the right type.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "FSEventsInotify.h"
+#include "MVFCPPrefParser.h"
+#include "MVLocalPaths.h"
+#include "MVPremierePrefParser.h"
+#include "MVRunLoop.h"
+#include "WatchersTesting.h"
+#include "sources/RenderSourcesTestSupport.h"
+
+using namespace quillon_test;
+using namespace render_sources_test;
+namespace fs = std::filesystem;
+
+namespace {
+
+class RenderSourcesTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    MVLog::createNewLog("test_RenderSources", true);
+    MVFSEvents::setBackendFactory(quillon::createInotifyBackend);
+    controller().setSizeSettleSecondsForTesting(0.2);
+  }
+  void TearDown() override {
+    MVFSEvents::sharedController().stopWatching();
+    controller().setClockForTesting(nullptr);
+  }
+};
+
+// --- Final Cut Pro -----------------------------------------------------
+
+std::string pascal(const std::string& s) { return std::string(1, static_cast<char>(s.size())) + s; }
+
+// A binary preference file holding one render location, as Final Cut stores
+// it: a length-prefixed key, binary fields, the classic path as a Pascal
+// string padded with NULs, then more binary settings.
+std::string fcsetWithRenderFolder(const std::string& classicPath) {
+  const std::string binary = "\x01\x02\x83\x04\xfe\x06\x17\x08";
+  std::string settings;
+  for (int i = 0; i < 300; ++i) settings += std::string("\x01\x00", 2);
+  return std::string("\x03\x00\x00\x10", 4) + binary + pascal("render") + binary + pascal(classicPath) +
+         std::string(4, '\0') + binary + settings;
+}
+
+// "/tmp/x/Media" on the boot volume "Macintosh HD" is "Macintosh HD:tmp:x:Media".
+std::string classicPath(const std::string& posixPath) {
+  std::string classic = "Macintosh HD";
+  for (const auto& part : fs::path(posixPath).relative_path()) classic += ":" + part.string();
+  return classic;
+}
+
+void writeFCPPreferences(const std::string& path, const std::string& renderBase, fs::file_time_type modified) {
+  writeFile(path, fcsetWithRenderFolder(classicPath(renderBase)));
+  fs::last_write_time(path, modified);
+}
+
+std::string finalCutProApplication() {
+  std::string applications = makeTempDir("Applications");
+  writeFile(applications + "/Final Cut Pro.app/Contents/Info.plist",
+            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+            "<plist version=\"1.0\"><dict>\n"
+            "<key>CFBundleIdentifier</key><string>com.apple.FinalCutPro</string>\n"
+            "<key>CFBundleShortVersionString</key><string>7.0.3</string>\n"
+            "</dict></plist>\n");
+  return applications;
+}
+
+// --- Premiere ----------------------------------------------------------
+
+std::string premierePreferencesPath() {
+  return MVLocalPaths::appSupportDirectory(true) + "/Adobe/Premiere Pro/7.0/Adobe Premiere Pro Prefs";
+}
+
+void writePremierePreferences(const std::vector<std::string>& recentProjects) {
+  std::string recent;
+  for (std::size_t i = 0; i < recentProjects.size(); ++i) {
+    std::string key = "BE.Prefs.MRU.Document." + std::to_string(i);
+    recent += "      <" + key + ">" + recentProjects[i] + "</" + key + ">\n";
+  }
+  writeFile(premierePreferencesPath(),
+            "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n"
+            "<PremiereData Version=\"3\">\n"
+            "  <Preferences ObjectID=\"1\" Version=\"12\">\n"
+            "    <Properties Version=\"1\">\n"
+            "      <BE.Prefs.General.AutoSave.Enabled>true</BE.Prefs.General.AutoSave.Enabled>\n" +
+                recent +
+                "      <BE.Prefs.MRU.Count>8</BE.Prefs.MRU.Count>\n"
+                "    </Properties>\n"
+                "  </Preferences>\n"
+                "</PremiereData>\n");
+}
+
+std::string makeProject(const std::string& folder, const std::string& name) {
+  fs::create_directories(folder);
+  std::string project = folder + "/" + name + ".prproj";
+  writeFile(project, "<?xml version=\"1.0\"?><PremiereData Version=\"3\"/>\n");
+  return project;
+}
+
+// --- Media Encoder -----------------------------------------------------
+
+std::string utf16LE(const std::string& ascii) {
+  std::string bytes;
+  for (char c : ascii) {
+    bytes += c;
+    bytes += '\0';
+  }
+  return bytes;
+}
+
+}  // namespace
+
+TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollowsThem) {
+  MVFCPPrefParser::setBootVolumeNameForTesting(std::optional<std::string>("Macintosh HD"));
+  enableOnly("watchFCPRenders");
+  const std::string prefsFolder = MVLocalPaths::prefsDirectory(true) + "/Final Cut Pro User Data";
+
+  // Without Final Cut Pro's preferences its default render folder is watched.
+  MVFCPPrefParser::setApplicationsFolderForTesting(makeTempDir("No Applications"));
+  controller().setup();
+  EXPECT_EQ(controller().fcpRenderPath(),
+            MVLocalPaths::documentDirectory(true) + "/Final Cut Pro Documents/Render Files");
+
+  // With them, the render folder the user picked is watched, together with
+  // the preference folder.
+  MVFCPPrefParser::setApplicationsFolderForTesting(finalCutProApplication());
+  const std::string prefsFile = prefsFolder + "/Final Cut Pro 7.0 Prefs.fcset";
+  const std::string scratch = makeTempDir("Final Cut Media");
+  const auto hourAgo = fs::file_time_type::clock::now() - std::chrono::hours(1);
+  writeFCPPreferences(prefsFile, scratch, hourAgo);
+  const std::string renderFolder = scratch + "/Render Files";
+  fs::create_directories(renderFolder + "/Documentary Cut");
+  controller().setup();
+  ASSERT_EQ(controller().fcpRenderPath(), renderFolder);
+  EXPECT_TRUE(isWatched(prefsFolder));
+  EXPECT_TRUE(isWatched(renderFolder));
+  EXPECT_EQ(countInLog("Watching FCP render folder " + renderFolder), 1u);
+
+  // A render in a project's subfolder is announced with the project's name.
+  const std::string render = renderFolder + "/Documentary Cut/Sequence 1-0000001.mov";
+  writeRender(render);
+  ASSERT_TRUE(waitForAnnouncement(render));
+  auto renders = announcedRenders();
+  EXPECT_EQ(renders[render]["type"], "fcpRender");
+  EXPECT_EQ(renders[render]["projectName"], "Documentary Cut");
+
+  // Choosing another render folder is noticed through the preference
+  // folder, but Final Cut Pro rewrites it often, so it is looked at again at
+  // most every 30 seconds.
+  const std::string eventInPrefs = "path = " + prefsFolder + "/;";
+  const std::size_t eventsBefore = countInLog(eventInPrefs);
+  const std::string newScratch = makeTempDir("Newer Media");
+  writeFCPPreferences(prefsFile, newScratch, hourAgo + std::chrono::minutes(10));
+  ASSERT_TRUE(waitUntil([&] { return countInLog(eventInPrefs) > eventsBefore; }, 10));
+  EXPECT_EQ(controller().fcpRenderPath(), renderFolder);
+
+  controller().setClockForTesting([] { return std::chrono::system_clock::now() + std::chrono::seconds(31); });
+  writeFCPPreferences(prefsFile, newScratch, hourAgo + std::chrono::minutes(20));
+  const std::string newRenderFolder = newScratch + "/Render Files";
+  ASSERT_TRUE(waitUntil([&] { return controller().fcpRenderPath() == newRenderFolder; }, 10));
+  EXPECT_TRUE(isWatched(newRenderFolder));
+
+  // A render straight in the render folder belongs to no project.
+  fs::create_directories(newRenderFolder);
+  MVRunLoop::main().runFor(0.3);
+  const std::string looseRender = newRenderFolder + "/Untitled-0000001.mov";
+  writeRender(looseRender);
+  ASSERT_TRUE(waitForAnnouncement(looseRender));
+  renders = announcedRenders();
+  EXPECT_EQ(renders[looseRender]["type"], "fcpRender");
+  EXPECT_EQ(renders[looseRender].count("projectName"), 0u);
+
+  MVFCPPrefParser::setApplicationsFolderForTesting(std::nullopt);
+  MVFCPPrefParser::setBootVolumeNameForTesting(std::nullopt);
+}
+
+TEST_F(RenderSourcesTest, PremierePreviewFoldersComeFromRecentProjectsAndAreRefreshed) {
+  // No search tool: only the folders beside the recent projects count.
+  MVPremierePrefParser::setFolderSearchToolForTesting(std::string("/bin/true"));
+  const std::string projects = makeTempDir("Projects");
+  writePremierePreferences({makeProject(projects + "/Feature", "Feature"), projects + "/Gone/Gone.prproj"});
+  enableOnly("watchPremiereRenders");
+  controller().setup();
+
+  const std::string preview = projects + "/Feature/Adobe Premiere Pro Preview Files";
+  EXPECT_EQ(controller().premierePaths(), std::vector<std::string>{preview});
+  EXPECT_TRUE(isWatched(preview));
+  EXPECT_TRUE(controller().premierePathRefreshIsScheduled());
+
+  // Premiere creates the preview folder with its first render.
+  fs::create_directories(preview + "/Feature.PRV");
+  MVRunLoop::main().runFor(0.5);
+  const std::string render = preview + "/Feature.PRV/Rendered - 3c7a.mov";
+  writeRender(render);
+  ASSERT_TRUE(waitForAnnouncement(render));
+  auto renders = announcedRenders();
+  EXPECT_EQ(renders[render]["type"], "premiereRender");
+  EXPECT_EQ(renders[render]["projectName"], "Feature");
+
+  // The refresh follows the recent projects: a folder that left the list
+  // stays watched but no longer counts as Premiere's.
+  quillon::setPremiereRefreshSecondsForTesting(0.3);
+  controller().setup();
+  const std::string secondPreview = projects + "/Second/Adobe Premiere Pro Preview Files";
+  writePremierePreferences({makeProject(projects + "/Second", "Second")});
+  ASSERT_TRUE(
+      waitUntil([&] { return controller().premierePaths() == std::vector<std::string>{secondPreview}; }, 10));
+  EXPECT_TRUE(isWatched(secondPreview));
+  EXPECT_TRUE(isWatched(preview));
+  EXPECT_FALSE(controller().pathIsPremierePreviewLocation(preview + "/Feature.PRV/"));
+
+  // Switching the option off ends the refresh at its next firing.
+  setSetting("watchPremiereRenders", 0);
+  ASSERT_TRUE(waitUntil([] { return !controller().premierePathRefreshIsScheduled(); }, 10));
+  writePremierePreferences({makeProject(projects + "/Third", "Third")});
+  MVRunLoop::main().runFor(1.0);
+  EXPECT_EQ(controller().premierePaths(), std::vector<std::string>{secondPreview});
+
+  quillon::setPremiereRefreshSecondsForTesting(0);
+  MVPremierePrefParser::setFolderSearchToolForTesting(std::nullopt);
+}
+
+TEST_F(RenderSourcesTest, MediaEncoderQueueLogIsAnnouncedWhenItsQueueStopped) {
+  enableOnly("watchAMEQueue");
+  const std::size_t listedBefore = countInLog("AME paths:");
+  controller().setup();
+  EXPECT_TRUE(MVFSEvents::sharedController().watchPaths().empty());
+  EXPECT_EQ(countInLog("AME paths:"), listedBefore);
+
+  const std::string inPrefs = MVLocalPaths::prefsDirectory(true) + "/Adobe/Adobe Media Encoder/12.0";
+  const std::string inDocuments = MVLocalPaths::documentDirectory(true) + "/Adobe/Adobe Media Encoder/12.0";
+  const std::string olderInDocuments = MVLocalPaths::documentDirectory(true) + "/Adobe/Adobe Media Encoder/11.0";
+  for (const std::string& folder : {inPrefs, inDocuments, olderInDocuments}) fs::create_directories(folder);
+  controller().setup();
+  std::vector<std::string> watched = MVFSEvents::sharedController().watchPaths();
+  ASSERT_EQ(watched.size(), 3u);
+  EXPECT_EQ(watched.front(), inPrefs);
+  EXPECT_TRUE(isWatched(inDocuments));
+  EXPECT_TRUE(isWatched(olderInDocuments));
+
+  // Only the log of the first folder ends the right way: the others end in
+  // lower case, or were written as UTF-8 (an odd number of bytes, which no
+  // UTF-16 text has).
+  const std::string stopped = inPrefs + "/AMEEncodingLog.txt";
+  writeFile(stopped, utf16LE("03/01/2024 10:12:01 : Encoding Time: 00:02:10\n"
+                             "03/01/2024 10:12:02 : Queue Stopped\n\n \r\n\n"));
+  writeFile(inDocuments + "/AMEEncodingLog.txt", utf16LE("03/01/2024 10:12:02 : queue stopped\n"));
+  std::string utf8 = "03/01/2024 10:12:02 : Queue Stopped\n";
+  if (utf8.size() % 2 == 0) utf8 += "\n";
+  writeFile(olderInDocuments + "/AMEEncodingLog.txt", utf8);
+
+  ASSERT_TRUE(waitForAnnouncement(stopped));
+  ASSERT_TRUE(waitForFolderChecks());
+  auto renders = announcedRenders();
+  EXPECT_EQ(renders[stopped]["type"], "ameQueue");
+  EXPECT_EQ(renders.count(inDocuments + "/AMEEncodingLog.txt"), 0u);
+  EXPECT_EQ(renders.count(olderInDocuments + "/AMEEncodingLog.txt"), 0u);
+  EXPECT_EQ(countInLog("AME queue stopped"), 1u);
+  EXPECT_EQ(countInLog("Error getting contents of AME log: "), 1u);
+}
