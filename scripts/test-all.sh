@@ -8,7 +8,7 @@ source scripts/deps.sh
 quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" "${QUILLON_TEST_PACKAGES[@]}" || exit 1
 
 JOBS=${JOBS:-$(nproc)}
-VARIANTS=${QUILLON_TEST_VARIANTS:-"plain asan tsan"}
+VARIANTS=${QUILLON_TEST_VARIANTS:-"plain asan tsan fuzz"}
 total_passed=0
 total_failed=0
 status=0
@@ -40,6 +40,18 @@ for v in $VARIANTS; do
     plain) run_variant plain build "" ;;
     asan) ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_variant "asan+ubsan" build-asan "address,undefined" ;;
     tsan) TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" run_variant tsan build-tsan thread ;;
+    fuzz)
+      # Each fuzz target counts as one test: its saved crash inputs replayed,
+      # then a short fixed run from its seed corpus.
+      echo "=== fuzz targets"
+      bash scripts/fuzz.sh 2>&1 | tee build-fuzz.run.log
+      fuzz_ok=$(grep -cE "^fuzz_[a-z_0-9]+: ok" build-fuzz.run.log || true)
+      fuzz_bad=$(grep -cE "^fuzz(_[a-z_0-9]+)?: (FAILED|CRASHED|configure failed|build failed)" build-fuzz.run.log || true)
+      if [ "$fuzz_ok" -eq 0 ] && [ "$fuzz_bad" -eq 0 ]; then fuzz_bad=1; fi
+      total_passed=$((total_passed + fuzz_ok))
+      total_failed=$((total_failed + fuzz_bad))
+      [ "$fuzz_bad" -eq 0 ] || status=1
+      ;;
   esac
 done
 

@@ -16,6 +16,29 @@ namespace {
 
 GMainContext* mainContext() { return g_main_context_default(); }
 
+// Callback data crosses threads through GLib, whose own locking race
+// detectors cannot see; every hand-off of a holder goes through this lock so
+// that the publication is explicit.
+std::mutex gPublish;
+
+template <typename T>
+gpointer publish(std::shared_ptr<T> object) {
+  std::lock_guard<std::mutex> lock(gPublish);
+  return new std::shared_ptr<T>(std::move(object));
+}
+
+template <typename T>
+std::shared_ptr<T> receive(gpointer data) {
+  std::lock_guard<std::mutex> lock(gPublish);
+  return *static_cast<std::shared_ptr<T>*>(data);
+}
+
+template <typename T>
+void release(gpointer data) {
+  std::lock_guard<std::mutex> lock(gPublish);
+  delete static_cast<std::shared_ptr<T>*>(data);
+}
+
 // Owns one GSource. Destroying the source from any thread is safe in GLib;
 // the callback holds its own reference to the state while it runs, so
 // invalidating from inside the callback is safe too.
@@ -50,8 +73,7 @@ class GLibTimer : public MVTimer {
     std::lock_guard<std::mutex> published(publish_);
     guint ms = static_cast<guint>(std::clamp(seconds, 0.0, 4.0e6) * 1000.0 + 0.5);
     GSource* source = g_timeout_source_new(ms);
-    g_source_set_callback(source, &GLibTimer::dispatch, new std::shared_ptr<GLibTimer>(std::move(self)),
-                          [](gpointer p) { delete static_cast<std::shared_ptr<GLibTimer>*>(p); });
+    g_source_set_callback(source, &GLibTimer::dispatch, publish(std::move(self)), &release<GLibTimer>);
     state_ = std::make_unique<SourceState>(source);
     g_source_attach(source, mainContext());
   }
@@ -62,7 +84,7 @@ class GLibTimer : public MVTimer {
 
  private:
   static gboolean dispatch(gpointer data) {
-    std::shared_ptr<GLibTimer> self = *static_cast<std::shared_ptr<GLibTimer>*>(data);
+    std::shared_ptr<GLibTimer> self = receive<GLibTimer>(data);
     // The timer may have been armed on another thread; GLib's own hand-off is
     // invisible to race detectors, this lock makes the publication explicit.
     { std::lock_guard<std::mutex> published(self->publish_); }
@@ -89,8 +111,7 @@ class GLibIOSource : public MVIOSource {
     gcond |= G_IO_HUP | G_IO_ERR | G_IO_NVAL;
     GSource* source = g_unix_fd_source_new(fd, static_cast<GIOCondition>(gcond));
     g_source_set_callback(source, reinterpret_cast<GSourceFunc>(reinterpret_cast<void (*)()>(&GLibIOSource::dispatch)),
-                          new std::shared_ptr<GLibIOSource>(std::move(self)),
-                          [](gpointer p) { delete static_cast<std::shared_ptr<GLibIOSource>*>(p); });
+                          publish(std::move(self)), &release<GLibIOSource>);
     state_ = std::make_unique<SourceState>(source);
     g_source_attach(source, mainContext());
   }
@@ -100,7 +121,7 @@ class GLibIOSource : public MVIOSource {
 
  private:
   static gboolean dispatch(gint, GIOCondition condition, gpointer data) {
-    std::shared_ptr<GLibIOSource> self = *static_cast<std::shared_ptr<GLibIOSource>*>(data);
+    std::shared_ptr<GLibIOSource> self = receive<GLibIOSource>(data);
     { std::lock_guard<std::mutex> published(self->publish_); }
     if (!self->state_->isValid()) return G_SOURCE_REMOVE;
     unsigned bits = 0;
@@ -146,7 +167,7 @@ class GLibRunLoop : public MVRunLoop {
     g_source_set_callback(
         source,
         [](gpointer p) -> gboolean {
-          auto c = *static_cast<std::shared_ptr<Call>*>(p);
+          auto c = receive<Call>(p);
           std::function<void()> work;
           {
             std::lock_guard<std::mutex> lock(c->mutex);
@@ -160,7 +181,7 @@ class GLibRunLoop : public MVRunLoop {
           c->done.notify_all();
           return G_SOURCE_REMOVE;
         },
-        new std::shared_ptr<Call>(call), [](gpointer p) { delete static_cast<std::shared_ptr<Call>*>(p); });
+        publish(call), &release<Call>);
     g_source_attach(source, mainContext());
     g_source_unref(source);
     if (waitUntilDone) {

@@ -4,6 +4,7 @@
 #include "MVFSEvents.h"
 #include "MVKeychain.h"
 #include "PlatformLinux.h"
+#include "PowerAlertServices.h"
 #include "VolumesMountinfo.h"
 
 namespace quillon {
@@ -12,6 +13,7 @@ void installPlatformServices() {
   MVFSEvents::setBackendFactory(createInotifyBackend);
   installDesktopServices();
   installMountinfoVolumes();
+  installPowerAndAlertServices();
   MVKeychain::setBackend(createSecretServiceKeychain());
 }
 

@@ -1,0 +1,412 @@
+// MVAlert: its blocking, callback and countdown rules against a scripted
+// platform, then the real Linux alerts: GTK dialogs on a private X server
+// driven with xdotool, and desktop notifications on a private session bus
+// when there is no display.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "MVAlert.h"
+#include "MVLocalPaths.h"
+#include "MVPropertyList.h"
+#include "MVRunLoop.h"
+#include "PowerAlertServices.h"
+#include "TestSupport.h"
+#include "power/PowerTestSupport.h"
+
+using quillon_test::waitUntil;
+using Code = MVAlert::ReturnCode;
+
+namespace {
+
+class ScriptedAlerts : public MVAlert::Backend {
+ public:
+  struct Shown : MVAlert::Backend::Shown {
+    bool visible = true;
+    int orderedOut = 0;
+    bool isVisible() const override { return visible; }
+    void orderOut() override {
+      visible = false;
+      ++orderedOut;
+    }
+  };
+
+  std::shared_ptr<MVAlert::Backend::Shown> show(const MVAlert::Request& request,
+                                                std::function<void(Code)> ended) override {
+    requests.push_back(request);
+    ends.push_back(std::move(ended));
+    if (refuse) return nullptr;
+    shown.push_back(std::make_shared<Shown>());
+    return shown.back();
+  }
+  bool hasAttachedSheet(MVWindowRef window) override { return window == windowWithSheet; }
+  void makeKeyAndOrderFront(MVWindowRef window) override { fronted.push_back(window); }
+
+  // Answers the latest alert as its user would: the sheet goes, then the end is told.
+  void answer(Code code) {
+    shown.back()->visible = false;
+    ends.back()(code);
+  }
+
+  // Main thread only, as the interface promises.
+  std::vector<MVAlert::Request> requests;
+  std::vector<std::function<void(Code)>> ends;
+  std::vector<std::shared_ptr<Shown>> shown;
+  MVWindowRef windowWithSheet = nullptr;
+  std::vector<MVWindowRef> fronted;
+  bool refuse = false;
+};
+
+// Runs a blocking `call` on a worker and `whileWaiting` on the main thread,
+// then turns the main loop until the call returns.
+Code runOnWorker(const std::function<Code()>& call, const std::function<void()>& whileWaiting) {
+  std::atomic<bool> done{false};
+  Code code = 99;
+  std::thread worker([&] {
+    code = call();
+    done = true;
+  });
+  whileWaiting();
+  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 90));
+  worker.join();
+  return code;
+}
+
+class MVAlertLogic : public ::testing::Test {
+ protected:
+  void SetUp() override { previous_ = MVAlert::setBackend(alerts_); }
+  void TearDown() override { MVAlert::setBackend(previous_); }
+
+  std::shared_ptr<ScriptedAlerts> alerts_ = std::make_shared<ScriptedAlerts>();
+  std::shared_ptr<MVAlert::Backend> previous_;
+};
+
+TEST_F(MVAlertLogic, BlockingAlertsReturnTheChosenButtonFromAnyThread) {
+  // On the main thread the wait turns the loop itself, or the answer could
+  // never arrive.
+  auto timer = MVRunLoop::main().scheduleTimer(0.05, false, [&] { alerts_->answer(MVAlert::kAlternateReturn); });
+  EXPECT_EQ(MVAlert::alertSheetWithMessageText("Disk full", "Free 10% of the disk", nullptr), 0);
+  ASSERT_EQ(alerts_->requests.size(), 1u);
+  EXPECT_EQ(alerts_->requests[0].messageText, "Disk full");
+  EXPECT_EQ(alerts_->requests[0].informativeText, "Free 10% of the disk");
+  EXPECT_FALSE(alerts_->requests[0].defaultButton);
+  EXPECT_FALSE(alerts_->requests[0].alternateButton);
+  EXPECT_FALSE(alerts_->requests[0].otherButton);
+  EXPECT_FALSE(alerts_->requests[0].suppressionBinding);
+  // Already off the screen: closing does not take it away a second time.
+  EXPECT_EQ(alerts_->shown[0]->orderedOut, 0);
+
+  // From a worker: the alert is still made on the main thread, and the
+  // worker polls for the end.
+  Code code = runOnWorker(
+      [] {
+        return MVAlert::alertSheetWithMessageText("Render", "Sleep", "Cancel", "Later", "%d frames", nullptr, true);
+      },
+      [&] {
+        ASSERT_TRUE(waitUntil([&] { return alerts_->requests.size() == 2; }, 10));
+        alerts_->answer(MVAlert::kOtherReturn);
+      });
+  EXPECT_EQ(code, -1);
+  EXPECT_EQ(alerts_->requests[1].defaultButton, "Sleep");
+  EXPECT_EQ(alerts_->requests[1].alternateButton, "Cancel");
+  EXPECT_EQ(alerts_->requests[1].otherButton, "Later");
+  EXPECT_EQ(alerts_->requests[1].informativeText, "%d frames");
+
+  // Not blocking: -1 at once, the end reaches the callback on the main thread.
+  std::vector<Code> ends;
+  bool onMain = false;
+  MVAlert* ended = nullptr;
+  EXPECT_EQ(MVAlert::alertSheetWithMessageText(
+                "Done", "OK", std::nullopt, std::nullopt, "", nullptr, nullptr,
+                [&](MVAlert& alert, Code c, void* context) {
+                  EXPECT_EQ(context, nullptr);
+                  ended = &alert;
+                  onMain = MVRunLoop::main().isMainThread();
+                  ends.push_back(c);
+                },
+                false),
+            -1);
+  EXPECT_TRUE(ends.empty());
+  alerts_->answer(MVAlert::kDefaultReturn);
+  EXPECT_EQ(ends, std::vector<Code>{1});
+  EXPECT_TRUE(onMain);
+  EXPECT_NE(ended, nullptr);
+}
+
+TEST_F(MVAlertLogic, DelegateWithoutCallbackIsRefusedUnlessItIsAnAlert) {
+  struct Window : MVAlertDelegate {} foreign;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "OK", std::nullopt, std::nullopt, "", nullptr, &foreign, {}, true),
+            -1);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "Alert error: delegate does not respond to selector alertDidEnd:returnCode:contextInfo:\n");
+  EXPECT_TRUE(alerts_->requests.empty());
+
+  // Another alert does answer to the default end.
+  auto listener = std::make_shared<MVAlert>();
+  EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "OK", "Cancel", std::nullopt, "", nullptr, listener.get(), {},
+                                               false),
+            -1);
+  alerts_->answer(MVAlert::kAlternateReturn);
+  EXPECT_TRUE(listener->alertEnded());
+  EXPECT_EQ(listener->returnCode(), 0);
+}
+
+TEST_F(MVAlertLogic, CountdownEndsTheAlertWithTheDefaultCode) {
+  // Nobody answers: the default code, and the alert still up is taken down.
+  EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 1), 1);
+  ASSERT_EQ(alerts_->shown.size(), 1u);
+  EXPECT_EQ(alerts_->shown[0]->orderedOut, 1);
+  EXPECT_FALSE(alerts_->shown[0]->visible);
+
+  // Answered before the countdown: the answer stands.
+  auto timer = MVRunLoop::main().scheduleTimer(0.05, false, [&] { alerts_->answer(MVAlert::kAlternateReturn); });
+  EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 30), 0);
+
+  // Nothing could be shown: a plain alert ends at once, a timed one still
+  // counts down to its default.
+  alerts_->refuse = true;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "i", nullptr), -1);
+  EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 1), 1);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Alert error: the alert could not be shown"),
+            std::string::npos);
+}
+
+TEST_F(MVAlertLogic, WindowWithASheetGetsAFreeStandingAlert) {
+  int busyWindow = 0, freeWindow = 0;
+  alerts_->windowWithSheet = &busyWindow;
+  auto alert = std::make_shared<MVAlert>();
+  MVAlert::alertSheetWithMessageText("a", "OK", std::nullopt, std::nullopt, "", &busyWindow, nullptr, {}, false,
+                                     alert);
+  EXPECT_EQ(alerts_->requests.back().parentWindow, nullptr);
+  EXPECT_EQ(alert->parentWindow(), nullptr);
+  EXPECT_TRUE(alerts_->fronted.empty());
+
+  MVAlert::alertSheetWithMessageText("b", "OK", std::nullopt, std::nullopt, "", &freeWindow, nullptr, {}, false,
+                                     alert);
+  EXPECT_EQ(alerts_->requests.back().parentWindow, &freeWindow);
+  EXPECT_EQ(alerts_->fronted, std::vector<MVWindowRef>{&freeWindow});
+}
+
+TEST(MVAlertSuppression, KeyPathIsStoredInTheSettingsFileBesideOtherKeys) {
+  const std::string path = MVAppendPathComponent(MVLocalPaths::prefsDirectory(true), "com.morvane.Quillon.plist");
+  MVPlistValue settings;
+  settings.set("logoutAction", 2);
+  ASSERT_TRUE(MVPropertyList::write(path, settings));
+
+  EXPECT_FALSE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
+  MVAlert::setSuppressionValue(true, "alerts.skipPowerWarning");
+  MVAlert::setSuppressionValue(true, "plain");
+  EXPECT_TRUE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
+  MVPlistValue stored = MVPropertyList::read(path);
+  EXPECT_EQ(stored["alerts"]["skipPowerWarning"], MVPlistValue(true));
+  EXPECT_EQ(stored["plain"], MVPlistValue(true));
+  EXPECT_EQ(stored["logoutAction"], MVPlistValue(2));
+  MVAlert::setSuppressionValue(false, "alerts.skipPowerWarning");
+  EXPECT_FALSE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
+}
+
+// Sets or clears an environment variable for one scope.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value)
+      setenv(name, value, 1);
+    else
+      unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (old_)
+      setenv(name_, old_->c_str(), 1);
+    else
+      unsetenv(name_);
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+class LinuxAlerts : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() { quillon::installPowerAndAlertServices(); }
+};
+
+// The X server lives until every test has run: GTK keeps its display open,
+// and a display that vanished while the loop still turns ends the process.
+std::unique_ptr<power_test::VirtualDisplay> gDisplay;
+
+class DisplayEnvironment : public ::testing::Environment {
+ public:
+  void TearDown() override { gDisplay.reset(); }
+};
+const auto* const kDisplayEnvironment = ::testing::AddGlobalTestEnvironment(new DisplayEnvironment);
+
+power_test::VirtualDisplay& display() {
+  if (!gDisplay) gDisplay = std::make_unique<power_test::VirtualDisplay>();
+  return *gDisplay;
+}
+
+std::vector<quillon::ShownAlertDescription> waitForDialog() {
+  std::vector<quillon::ShownAlertDescription> shown;
+  waitUntil(
+      [&] {
+        shown = quillon::shownGtkAlertsForTesting();
+        return !shown.empty();
+      },
+      20);
+  // Let the window manager-less server map and focus it before input arrives.
+  MVRunLoop::main().runFor(0.3);
+  return quillon::shownGtkAlertsForTesting();
+}
+
+TEST_F(LinuxAlerts, DialogShowsTextsLiterallyAndEachButtonGivesItsCode) {
+  ASSERT_TRUE(display().running()) << "Xvfb did not start";
+  ScopedEnv x11("DISPLAY", display().display().c_str());
+  ScopedEnv wayland("WAYLAND_DISPLAY", nullptr);
+
+  auto click = [](const std::pair<int, int>& at) {
+    return display().xdotool("mousemove " + std::to_string(at.first) + " " + std::to_string(at.second) + " click 1");
+  };
+  struct Case {
+    std::string name;
+    std::function<void(const quillon::ShownAlertDescription&)> act;
+    Code expected;
+  };
+  const Case cases[] = {
+      {"Return takes the default", [](auto&) { display().typeInto("Quillon", "Return"); }, 1},
+      {"Escape takes the alternate", [](auto&) { display().typeInto("Quillon", "Escape"); }, 0},
+      {"click on the other button", [&](auto& d) { click(d.buttonCentres.at(0)); }, -1},
+      {"click on the alternate button", [&](auto& d) { click(d.buttonCentres.at(1)); }, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Code code = runOnWorker(
+        [] {
+          return MVAlert::alertSheetWithMessageText("Rendering complete. Do you wish to sleep now?", "Sleep", "Cancel",
+                                                    "Later", "100% done, %d frames, %@ left", nullptr, true);
+        },
+        [&] {
+          auto shown = waitForDialog();
+          ASSERT_EQ(shown.size(), 1u);
+          const auto& dialog = shown[0];
+          EXPECT_EQ(dialog.title, "Quillon");
+          EXPECT_EQ(dialog.messageText, "Rendering complete. Do you wish to sleep now?");
+          EXPECT_EQ(dialog.informativeText, "100% done, %d frames, %@ left");
+          EXPECT_EQ(dialog.buttons, (std::vector<std::string>{"Later", "Cancel", "Sleep"}));
+          EXPECT_TRUE(dialog.suppressionLabel.empty());
+          c.act(dialog);
+        });
+    EXPECT_EQ(code, c.expected);
+    EXPECT_TRUE(quillon::shownGtkAlertsForTesting().empty());
+  }
+}
+
+TEST_F(LinuxAlerts, DialogCountdownAndSuppressionBox) {
+  ASSERT_TRUE(display().running()) << "Xvfb did not start";
+  ScopedEnv x11("DISPLAY", display().display().c_str());
+
+  // Nobody answers: the countdown takes the default and the dialog goes.
+  Code code = runOnWorker(
+      [] {
+        return MVAlert::timedAlertSheetWithMessageText("Rendering complete. Do you wish to shut down now?",
+                                                       "Shut down", "Cancel", std::nullopt, "in 60 seconds", nullptr,
+                                                       2);
+      },
+      [] {
+        auto shown = waitForDialog();
+        ASSERT_EQ(shown.size(), 1u);
+        EXPECT_EQ(shown[0].buttons, (std::vector<std::string>{"Cancel", "Shut down"}));
+      });
+  EXPECT_EQ(code, 1);
+  EXPECT_TRUE(quillon::shownGtkAlertsForTesting().empty());
+
+  // The check box writes through to the settings at once, and starts from them.
+  MVAlert::setSuppressionValue(false, "alerts.quiet");
+  code = runOnWorker(
+      [] {
+        return MVAlert::alertSheetWithMessageText("m", "OK", std::nullopt, std::nullopt, "i", nullptr, nullptr, {},
+                                                  true, nullptr, std::string("alerts.quiet"));
+      },
+      [] {
+        auto shown = waitForDialog();
+        ASSERT_EQ(shown.size(), 1u);
+        EXPECT_EQ(shown[0].suppressionLabel, "Do not show this message again");
+        EXPECT_FALSE(shown[0].suppressionChecked);
+        display().xdotool("mousemove " + std::to_string(shown[0].suppressionCentre.first) + " " +
+                          std::to_string(shown[0].suppressionCentre.second) + " click 1");
+        EXPECT_TRUE(waitUntil([] { return MVAlert::suppressionValueForKeyPath("alerts.quiet"); }, 10));
+        display().typeInto("Quillon", "Return");
+      });
+  EXPECT_EQ(code, 1);
+}
+
+TEST_F(LinuxAlerts, WithoutADisplayTheAlertIsANotificationWithButtonActions) {
+  ScopedEnv x11("DISPLAY", nullptr);
+  ScopedEnv wayland("WAYLAND_DISPLAY", nullptr);
+  power_test::PrivateBus bus(std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh");
+  ASSERT_TRUE(bus.running());
+  ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str());
+  power_test::MockService server(bus, "--session", "notification_daemon", "org.freedesktop.Notifications",
+                                 "/org/freedesktop/Notifications");
+  ASSERT_TRUE(server.started());
+
+  auto notifyCount = [&] { return server.callsTo("Notify").size(); };
+  auto emit = [&](const std::string& signal, const std::string& signature, const std::string& args) {
+    return server.mock("EmitSignal", "org.freedesktop.Notifications " + signal + " " + signature + " \"" + args + "\"");
+  };
+
+  // The user picks Cancel among the actions. A click on the bubble and an
+  // answer meant for another notification change nothing.
+  Code code = runOnWorker(
+      [] {
+        return MVAlert::timedAlertSheetWithMessageText("Rendering complete. Do you wish to sleep now?", "Sleep",
+                                                       "Cancel", std::nullopt, "Done: 100%, %d left", nullptr, 30);
+      },
+      [&] {
+        ASSERT_TRUE(power_test::pollUntil([&] { return notifyCount() == 1; }, 20));
+        emit("ActionInvoked", "us", "[<uint32 1>, <'default'>]");
+        emit("ActionInvoked", "us", "[<uint32 77>, <'1'>]");
+        MVRunLoop::main().runFor(0.5);
+        emit("ActionInvoked", "us", "[<uint32 1>, <'0'>]");
+      });
+  EXPECT_EQ(code, 0);
+  auto notify = server.callsTo("Notify");
+  ASSERT_EQ(notify.size(), 1u);
+  ASSERT_EQ(notify[0].args.size(), 8u);
+  EXPECT_EQ(notify[0].args[0], "'Quillon'");
+  EXPECT_EQ(notify[0].args[3], "'Rendering complete. Do you wish to sleep now?'");
+  EXPECT_EQ(notify[0].args[4], "'Done: 100%, %d left'");
+  EXPECT_EQ(notify[0].args[5], "['1', 'Sleep', '0', 'Cancel']");
+  EXPECT_EQ(notify[0].args[6], "{'urgency': 2}");
+  EXPECT_EQ(notify[0].args[7], "0");
+  EXPECT_TRUE(power_test::pollUntil([&] { return server.callsTo("CloseNotification").size() == 1; }, 10));
+  EXPECT_EQ(server.callsTo("CloseNotification")[0].args, std::vector<std::string>{"1"});
+
+  // Nobody answers: the countdown's default, and the notification is withdrawn.
+  code = runOnWorker(
+      [] {
+        return MVAlert::timedAlertSheetWithMessageText("Shut down?", "Shut down", "Cancel", "Later", "", nullptr, 1);
+      },
+      [] {});
+  EXPECT_EQ(code, 1);
+  EXPECT_EQ(server.callsTo("Notify").back().args[5], "['1', 'Shut down', '0', 'Cancel', '-1', 'Later']");
+  EXPECT_TRUE(power_test::pollUntil([&] { return server.callsTo("CloseNotification").size() == 2; }, 10));
+
+  // Dismissed by the user: as closing a dialog, the alternate button.
+  code = runOnWorker(
+      [] { return MVAlert::alertSheetWithMessageText("Log out?", "Log out", "Cancel", std::nullopt, "", nullptr, true); },
+      [&] {
+        ASSERT_TRUE(power_test::pollUntil([&] { return notifyCount() == 3; }, 20));
+        emit("NotificationClosed", "uu", "[<uint32 3>, <uint32 2>]");
+      });
+  EXPECT_EQ(code, 0);
+}
+
+}  // namespace
