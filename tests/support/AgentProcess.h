@@ -1,0 +1,113 @@
+// A run of the built agent (build/bin/quillon-helper) as its own process,
+// with HOME set to a temporary home. It runs as root inside its own mount
+// namespace (tests/e2e/run-agent.sh), so its log lands in a folder of the
+// test and the machine's /var/log is never touched.
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <string>
+#include <vector>
+
+#include "MVRunLoop.h"
+#include "TestSupport.h"
+
+extern char** environ;
+
+namespace quillon_test {
+
+inline std::size_t countIn(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+// One run of build/bin/quillon-helper with HOME set to `home`.
+class Agent {
+ public:
+  // `logDir`: the folder that stands for /var/log/Morvane (a new one when empty).
+  explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {},
+                 const std::string& logDir = "") {
+    logDir_ = logDir.empty() ? makeTempDir("agent-log") : logDir;
+    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/e2e/run-agent.sh", logDir_, binPath("quillon-helper")};
+    args.insert(args.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> env;
+    for (char** e = environ; *e; ++e)
+      if (std::string(*e).rfind("HOME=", 0) != 0) env.emplace_back(*e);
+    env.push_back("HOME=" + home);
+
+    std::vector<char*> argv, envp;
+    for (auto& a : args) argv.push_back(a.data());
+    for (auto& e : env) envp.push_back(e.data());
+    argv.push_back(nullptr);
+    envp.push_back(nullptr);
+    // What the agent prints (and the sound library's complaints about a
+    // machine without audio) goes to a file beside the log.
+    output_ = logDir_ + "/output.txt";
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, 1, output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+    posix_spawn_file_actions_adddup2(&files, 1, 2);
+    if (posix_spawn(&pid_, "/bin/sh", &files, nullptr, argv.data(), envp.data()) != 0) pid_ = 0;
+    posix_spawn_file_actions_destroy(&files);
+  }
+  ~Agent() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  Agent(const Agent&) = delete;
+  Agent& operator=(const Agent&) = delete;
+
+  bool started() const { return pid_ > 0; }
+  void signal(int signo) const { kill(pid_, signo); }
+
+  // Sends `signo` and waits for the end; the raw wait status, or -1.
+  int stop(int signo = SIGTERM) {
+    kill(pid_, signo);
+    int status = -1;
+    bool ended = waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 20);
+    if (!ended) return -1;
+    pid_ = 0;
+    return status;
+  }
+  bool running() {
+    int status = 0;
+    return pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0;
+  }
+
+  std::string log() const {
+    std::string path = logDir_ + "/quillon-helper.1.log";
+    return fileExists(path) ? readFile(path) : std::string();
+  }
+  std::string output() const { return fileExists(output_) ? readFile(output_) : std::string(); }
+  std::size_t logCount(const std::string& part) const { return countIn(log(), part); }
+  // A folder's watch is live once an event for it shows in the log. A file
+  // written while the stream is being re-created is not seen (the stream
+  // starts from now), so after a reload the test writes a probe that is no
+  // media file, and thus never announced, until the agent logs the folder.
+  bool waitUntilWatching(const std::string& folder, double seconds) {
+    const std::string event = "path = " + folder + "/;";
+    std::size_t before = logCount(event);
+    int n = 0;
+    return waitUntil([&] {
+      writeFile(folder + "/probe.txt", std::to_string(++n));
+      MVRunLoop::main().runFor(0.2);
+      return logCount(event) > before || !running();
+    }, seconds) && logCount(event) > before;
+  }
+  bool waitForLog(const std::string& part, std::size_t count, double seconds) {
+    return waitUntil([&] { return logCount(part) >= count || !running(); }, seconds) && logCount(part) >= count;
+  }
+
+ private:
+  pid_t pid_ = 0;
+  std::string logDir_;
+  std::string output_;
+};
+
+}  // namespace quillon_test
