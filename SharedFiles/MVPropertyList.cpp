@@ -212,24 +212,31 @@ std::uint64_t bigEndian(const unsigned char* p, unsigned size) {
 
 // True when no string object holds a NUL character: the codec asserts on a
 // dictionary key with one, which would end the process on a crafted file.
+// The element count of the object at `at` and where its contents begin: the
+// count is the marker's low nibble, or an integer object after it when the
+// nibble is 0xF. False when the header runs past the objects.
+bool objectCount(const unsigned char* p, std::uint64_t objectsEnd, std::uint64_t at, std::uint64_t& n,
+                 std::uint64_t& pos) {
+  n = p[at] & 0xF;
+  pos = at + 1;
+  if (n != 0xF) return true;
+  if (pos >= objectsEnd || (p[pos] >> 4) != 0x1 || (p[pos] & 0xF) > 3) return false;
+  unsigned length = 1u << (p[pos] & 0xF);
+  if (pos + 1 + length > objectsEnd) return false;
+  n = bigEndian(p + pos + 1, length);
+  pos += 1 + length;
+  return true;
+}
+
 bool binaryStringsHaveNoNul(const unsigned char* p, std::uint64_t objectsEnd, std::uint64_t table, std::uint64_t count,
                             unsigned offsetSize) {
   for (std::uint64_t index = 0; index < count; ++index) {
-    std::uint64_t at = 0;
-    for (unsigned k = 0; k < offsetSize; ++k) at = (at << 8) | p[table + index * offsetSize + k];
+    std::uint64_t at = bigEndian(p + table + index * offsetSize, offsetSize);
     if (at < 8 || at >= objectsEnd) return false;
     unsigned type = p[at] >> 4;
     if (type != 0x5 && type != 0x6) continue;
-    std::uint64_t n = p[at] & 0xF;
-    std::uint64_t pos = at + 1;
-    if (n == 0xF) {
-      if (pos >= objectsEnd || (p[pos] >> 4) != 0x1 || (p[pos] & 0xF) > 3) return false;
-      unsigned length = 1u << (p[pos] & 0xF);
-      if (pos + 1 + length > objectsEnd) return false;
-      n = 0;
-      for (unsigned k = 0; k < length; ++k) n = (n << 8) | p[pos + 1 + k];
-      pos += 1 + length;
-    }
+    std::uint64_t n = 0, pos = 0;
+    if (!objectCount(p, objectsEnd, at, n, pos)) return false;
     std::uint64_t unit = type == 0x6 ? 2 : 1;
     if (n > objectsEnd || n * unit > objectsEnd - pos) return false;
     for (std::uint64_t i = 0; i < n; ++i) {
@@ -265,15 +272,8 @@ bool binaryGraphIsSafe(const std::string& bytes) {
     if (at < 8 || at >= objectsEnd) return false;
     unsigned type = p[at] >> 4;
     if (type != 0xA && type != 0xC && type != 0xD) return true;
-    std::uint64_t n = p[at] & 0xF;
-    std::uint64_t pos = at + 1;
-    if (n == 0xF) {
-      if (pos >= objectsEnd || (p[pos] >> 4) != 0x1 || (p[pos] & 0xF) > 3) return false;
-      unsigned length = 1u << (p[pos] & 0xF);
-      if (pos + 1 + length > objectsEnd) return false;
-      n = bigEndian(p + pos + 1, length);
-      pos += 1 + length;
-    }
+    std::uint64_t n = 0, pos = 0;
+    if (!objectCount(p, objectsEnd, at, n, pos)) return false;
     std::uint64_t refCount = type == 0xD ? 2 * n : n;
     if (n > objectsEnd || refCount > (objectsEnd - pos) / refSize) return false;
     refs = Refs{pos, refCount};

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <codecvt>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -14,6 +13,7 @@
 #include "MVFSEvents.h"
 #include "MVLocalPaths.h"
 #include "MVLog.h"
+#include "MVTaskEx.h"
 #include "QuillonPreferences.h"
 
 using namespace quillon;
@@ -41,58 +41,23 @@ std::vector<std::string> listFolder(const std::string& folder) {
 }
 
 // The Media Encoder writes its queue log in UTF-16 little-endian. nullopt
-// when the bytes do not decode (odd length, broken surrogates).
+// (with the reason in `error`) when the file cannot be read or decoded, such
+// as a file of odd length.
 std::optional<std::string> readUTF16LE(const std::string& path, std::string& error) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     error = "The file \"" + lastPathComponent(path) + "\" couldn't be opened.";
     return std::nullopt;
   }
-  std::stringstream ss;
-  ss << in.rdbuf();
-  std::string bytes = ss.str();
-  if (bytes.size() % 2 != 0) {
+  std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  auto text = MVDecodeString(bytes, kMVUTF16LittleEndianStringEncoding);
+  if (!text) {
     error = "The file \"" + lastPathComponent(path) + "\" couldn't be read as UTF-16 little-endian text.";
     return std::nullopt;
   }
-  std::string out;
-  for (std::size_t i = 0; i < bytes.size(); i += 2) {
-    std::uint32_t unit = static_cast<unsigned char>(bytes[i]) | (static_cast<unsigned char>(bytes[i + 1]) << 8);
-    std::uint32_t code = unit;
-    if (unit >= 0xD800 && unit <= 0xDBFF) {
-      if (i + 3 >= bytes.size()) {
-        error = "The file \"" + lastPathComponent(path) + "\" ends inside a UTF-16 surrogate pair.";
-        return std::nullopt;
-      }
-      std::uint32_t low = static_cast<unsigned char>(bytes[i + 2]) | (static_cast<unsigned char>(bytes[i + 3]) << 8);
-      if (low < 0xDC00 || low > 0xDFFF) {
-        error = "The file \"" + lastPathComponent(path) + "\" holds a broken UTF-16 surrogate pair.";
-        return std::nullopt;
-      }
-      code = 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00);
-      i += 2;
-    } else if (unit >= 0xDC00 && unit <= 0xDFFF) {
-      error = "The file \"" + lastPathComponent(path) + "\" holds a broken UTF-16 surrogate pair.";
-      return std::nullopt;
-    }
-    if (i == 0 && code == 0xFEFF) continue;  // byte-order mark
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    }
-  }
-  return out;
+  // A byte-order mark at the start is no part of the text.
+  if (text->rfind("\xEF\xBB\xBF", 0) == 0) text->erase(0, 3);
+  return text;
 }
 
 std::string dateDescription(const std::optional<AppController::Date>& date) {
