@@ -40,17 +40,6 @@ constexpr double kQmasterRecheckSeconds = 15.0;
 // Qmaster advertises in bursts; one poll per second of them is enough.
 constexpr auto kAdvertisementQuietPeriod = std::chrono::seconds(1);
 
-std::vector<std::string> listFolder(const std::string& folder) {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir.get())) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  return names;
-}
-
 bool isFailedStatus(const std::string* status) {
   // A batch whose status vanished from the monitor's answer is reported as
   // failed: it is gone and will never finish.
@@ -266,7 +255,7 @@ std::optional<std::string> AppController::pathForBundleID(const std::string& bun
   // "com.apple.BatchMonitor" is looked for as "Batch Monitor.app" and the like.
   std::size_t dot = bundleID.rfind('.');
   std::string key = lowercase(dot == std::string::npos ? bundleID : bundleID.substr(dot + 1));
-  for (const std::string& entry : listFolder(inFolder)) {
+  for (const std::string& entry : quillon::folderEntries(inFolder)) {
     std::string name = deletingPathExtension(entry);
     name.erase(std::remove(name.begin(), name.end(), ' '), name.end());
     if (lowercase(name) != key) continue;

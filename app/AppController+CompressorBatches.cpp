@@ -39,17 +39,6 @@ constexpr std::size_t kTimedOutAnswerBytes = 10;
 // A history file younger than this may still be being written.
 constexpr auto kHistorySettleTime = std::chrono::seconds(2);
 
-std::vector<std::string> listFolder(const std::string& folder) {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir.get())) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  return names;
-}
-
 std::string_view bytesOf(const MVTaskEx::Data& data) {
   return {reinterpret_cast<const char*>(data.data()), data.size()};
 }
@@ -231,7 +220,7 @@ std::optional<MVPlistValue> AppController::qmasterBatchWithID(const std::string&
 MVPlistValue::Array AppController::qmasterBatchesFromHistory(const std::string& version) {
   std::string folder = MVLocalPaths::appSupportDirectory(true) + "/Compressor/History/V" + version;
   MVPlistValue::Array records;
-  for (const std::string& name : listFolder(folder)) {
+  for (const std::string& name : quillon::folderEntries(folder)) {
     if (!hasSuffix(name, "compressorJobBatch")) continue;
     std::string path = MVAppendPathComponent(folder, name);
     auto modified = fileModificationDate(path);

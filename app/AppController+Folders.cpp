@@ -28,18 +28,6 @@ bool isMediaExtension(const std::string& ext) {
   return std::find(kMediaExtensions.begin(), kMediaExtensions.end(), ext) != kMediaExtensions.end();
 }
 
-std::vector<std::string> listFolder(const std::string& folder) {
-  std::vector<std::string> names;
-  DIR* dir = opendir(folder.c_str());
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(dir);
-  return names;
-}
-
 // The Media Encoder writes its queue log in UTF-16 little-endian. nullopt
 // (with the reason in `error`) when the file cannot be read or decoded, such
 // as a file of odd length.
@@ -129,7 +117,7 @@ std::optional<std::string> AppController::latestFileInFolder(const std::string& 
   std::optional<Date> newestDate;
   std::optional<std::string> newestPath;
   bool ameFolder = contains(folder, "/Adobe/Adobe Media Encoder");
-  for (const std::string& name : listFolder(folder)) {
+  for (const std::string& name : quillon::folderEntries(folder)) {
     std::string fullPath = MVAppendPathComponent(folder, name);
     if (name.empty() || name[0] == '.') continue;
     std::string ext = lowercase(pathExtension(name));

@@ -122,10 +122,7 @@ void AppController::renderDidFinishSuccessfully(const RenderDescription& render)
   };
 
   if (type == "qmaster") {
-    std::string batchID = stringValue(render["batchid"]);
-    auto batches = recentBatches();
-    if (std::find(batches->begin(), batches->end(), batchID) != batches->end()) return;
-    addRecentBatch(batchID);
+    if (!recordBatchUnlessAnnounced(stringValue(render["batchid"]))) return;
     if (frontmostIs("Compressor", "Compressor is currently active...skipping")) return;
     if (auto name = removingPercentEncoding(stringValue(render["name"]))) text = "Batch: " + *name;
   } else if (type == "fcpRender") {
@@ -209,10 +206,7 @@ void AppController::renderDidFail(const RenderDescription& render) {
   };
 
   if (type == "qmaster") {
-    std::string batchID = stringValue(render["batchid"]);
-    auto batches = recentBatches();
-    if (std::find(batches->begin(), batches->end(), batchID) != batches->end()) return;
-    addRecentBatch(batchID);
+    if (!recordBatchUnlessAnnounced(stringValue(render["batchid"]))) return;
     text = "Batch: " + stringValue(render["name"]);
   } else if (type == "fcpRender") {
     path = stringValue(render["fullPath"]);
@@ -239,6 +233,13 @@ void AppController::renderDidFail(const RenderDescription& render) {
   if (QuillonPreferences::isEqualToOne("notifyEmail")) sendEmail(render, false);
   if (QuillonPreferences::isEqualToOne("notifyText") && QuillonPreferences::isNonEmpty("txtMessageNumber"))
     sendTextMessage(render, false);
+}
+
+bool AppController::recordBatchUnlessAnnounced(const std::string& batchID) {
+  auto batches = recentBatches();
+  if (std::find(batches->begin(), batches->end(), batchID) != batches->end()) return false;
+  addRecentBatch(batchID);
+  return true;
 }
 
 void AppController::soundDidFinishPlaying() { decrementAsyncJobs(); }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "MVPlistValue.h"
 
@@ -13,6 +14,9 @@ namespace quillon {
 std::optional<MVPlistValue::Date> fileModificationDate(const std::string& path);
 std::optional<std::uint64_t> fileSize(const std::string& path);
 bool isDirectory(const std::string& path);
+// The names in a folder, in listing order, without "." and ".."; empty when
+// the folder cannot be read.
+std::vector<std::string> folderEntries(const std::string& folder);
 bool pathExists(const std::string& path);
 // The classic four-character type code from the "user.com.apple.FinderInfo"
 // extended attribute (bytes 0-3), where the file system carries one; 0 otherwise.
