@@ -361,7 +361,8 @@ std::optional<std::string> MVPremierePrefParser::mediaCacheValue(const std::stri
     if (std::size_t dot = v.find('.'); dot != std::string::npos) v = v.substr(0, dot) + ".0";
     domain = MVFormatString("com.adobe.Common %@", v);
   }
-  const std::string* folder = preferenceDomain(domain)["Media Cache"][key].string();
+  MVPlistValue preferences = preferenceDomain(domain);  // kept alive while its strings are read
+  const std::string* folder = preferences["Media Cache"][key].string();
   if (!folder) return std::nullopt;
   return *folder;
 }

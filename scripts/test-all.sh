@@ -38,7 +38,7 @@ run_variant() {
 for v in $VARIANTS; do
   case $v in
     plain) run_variant plain build "" ;;
-    asan) ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_variant "asan+ubsan" build-asan "address,undefined" ;;
+    asan) ASAN_OPTIONS=detect_leaks=1 LSAN_OPTIONS="suppressions=$PWD/tests/lsan.supp" UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 run_variant "asan+ubsan" build-asan "address,undefined" ;;
     tsan) TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$PWD/tests/tsan.supp" run_variant tsan build-tsan thread ;;
     fuzz)
       # Each fuzz target counts as one test: its saved crash inputs replayed,
