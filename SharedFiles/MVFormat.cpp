@@ -194,7 +194,7 @@ void formatInteger(std::string& out, const MVFormatArg::Value& v, const Directiv
   } else if (digits.empty()) {
     digits = "0";
   }
-  if (directive.alternate && base == 8 && (digits.empty() || digits[0] != '0')) digits.insert(0, "0");
+  if (directive.alternate && base == 8 && (digits.empty() || digits[0] != '0')) digits.insert(0, 1, '0');
 
   std::string prefix;
   if (n.negative) prefix = "-";
@@ -218,7 +218,10 @@ void formatDouble(std::string& out, double d, const Directive& directive) {
   if (directive.alternate) fmt += '#';
   if (directive.zero) fmt += '0';
   if (directive.width > 0) fmt += std::to_string(directive.width);
-  if (directive.precision >= 0) fmt += "." + std::to_string(directive.precision);
+  if (directive.precision >= 0) {
+    fmt += '.';
+    fmt += std::to_string(directive.precision);
+  }
   fmt += directive.conversion;
   int size = std::snprintf(nullptr, 0, fmt.c_str(), d);
   if (size <= 0) return;
