@@ -220,6 +220,14 @@ void SKPSMTPMessage::handleEvent(SKPSMTPStream& stream, SKPSMTPStreamEvent event
   }
 }
 
+void SKPSMTPMessage::receiveBytesForTesting(std::string_view bytes) {
+  if (reported_ || outputStream_ || bytes.empty()) return;
+  int idle = kSKPSMTPIdle;
+  sendState_.compare_exchange_strong(idle, kSKPSMTPConnecting);
+  inputString_.append(bytes);
+  parseBuffer();
+}
+
 void SKPSMTPMessage::parseBuffer() {
   auto self = shared_from_this();  // the delegate may drop its reference
   // Only the main thread touches the buffer, so the copy needs no lock here.

@@ -32,6 +32,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "SKPSMTPError.h"
@@ -160,6 +161,12 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
 
   // Shortens the 20- and 60-second watchdogs so tests need not wait minutes.
   void setTimeoutsForTesting(double shortWatchdogSeconds, double longWatchdogSeconds);
+  // Hands `bytes` to the line parser as one read from the server, on a
+  // session with no connection behind it: replies move the dialogue on,
+  // commands go nowhere and no watchdog starts. An idle message starts out
+  // waiting for the greeting. For the fuzzer, which feeds hostile reply
+  // streams in arbitrary pieces; call it on the main thread or without one.
+  void receiveBytesForTesting(std::string_view bytes);
 
   // Message composition.
   std::string formatAnAddress(const std::string& address) const;

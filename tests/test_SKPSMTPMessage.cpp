@@ -187,8 +187,6 @@ TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
        "Timeout sending message."},
       {"noise trickled after EHLO does not hold off the watchdog", "220 hi\r\n", {{"EHLO", noise}}, false, -5,
        "Timeout sending message."},
-      {"connection dropped mid-session", "220 hi\r\n", {{"RCPT", "#close"}}, false, -4,
-       "The connection to the server was interrupted."},
       {"garbage and an over-long line before the greeting",
        "\x01\xFFnoise\r\n" + std::string(5000, 'x') + "\r\n|220 hi\r\n", {}, false, 0, nullptr},
       {"AUTH LOGIN when PLAIN is missing", "220 hi\r\n",
@@ -215,6 +213,82 @@ TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
       EXPECT_EQ(recorder.failures[0].localizedDescription, c.expectedDescription);
     }
     EXPECT_EQ(server.connections(), 1);
+  }
+}
+
+TEST(SKPSMTPMessage, ADroppedOrSilentServerIsReportedOnceInEveryState) {
+  const std::string dropped = "The connection to the server was interrupted.";
+  const std::string timedOut = "Timeout sending message.";
+  const std::map<std::string, std::string> login = {{"EHLO", "250-AUTH LOGIN\r\n250 OK\r\n"}};
+  struct Case {
+    const char* name;
+    std::string greeting;
+    std::map<std::string, std::string> overrides;
+    bool requiresAuth;
+    bool wantsSecure;
+    std::string expected;
+  };
+  auto with = [](std::map<std::string, std::string> base, const std::string& prefix, const std::string& reply) {
+    base[prefix] = reply;
+    return base;
+  };
+  const Case cases[] = {
+      {"closed before the greeting", "#close", {}, false, false, dropped},
+      {"closed after EHLO", "220 hi\r\n", {{"EHLO", "#close"}}, false, false, dropped},
+      {"closed after STARTTLS", "220 hi\r\n", {{"STARTTLS", "#close"}}, false, true, dropped},
+      {"closed after AUTH LOGIN", "220 hi\r\n", with(login, "AUTH LOGIN", "#close"), true, false, dropped},
+      {"closed after the user name", "220 hi\r\n", with(login, "YWxp", "#close"), true, false, dropped},
+      {"closed after AUTH PLAIN", "220 hi\r\n", {{"EHLO", "250-AUTH PLAIN\r\n250 OK\r\n"}, {"AUTH", "#close"}},
+       true, false, dropped},
+      {"closed after MAIL FROM", "220 hi\r\n", {{"MAIL", "#close"}}, false, false, dropped},
+      {"closed after RCPT TO", "220 hi\r\n", {{"RCPT", "#close"}}, false, false, dropped},
+      {"closed after DATA", "220 hi\r\n", {{"DATA", "#close"}}, false, false, dropped},
+      {"closed after the message text", "220 hi\r\n", {{".", "#close"}}, false, false, dropped},
+      // Only a 221 or silence counts as sent once the text was taken.
+      {"closed after QUIT without 221", "220 hi\r\n", {{"QUIT", "#close"}}, false, false, dropped},
+      {"silent after DATA", "220 hi\r\n", {{"DATA", ""}}, false, false, timedOut},
+      {"silent after the message text", "220 hi\r\n", {{".", ""}}, false, false, timedOut},
+      {"silent after the password", "220 hi\r\n", with(login, "c2VzYW1l", ""), true, false, timedOut},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ScriptedSMTPServer server(c.greeting, replies(c.overrides));
+    Recorder recorder;
+    auto message = makeMessage(recorder, {server.port()});
+    message->setRequiresAuth(c.requiresAuth);
+    message->setWantsSecure(c.wantsSecure);
+    message->setLogin("ali");
+    message->setPass("sesame");
+    message.reset();
+    ASSERT_TRUE(recorder.message->send());
+    awaitOutcome(recorder);
+    ASSERT_EQ(recorder.failures.size(), 1u);
+    EXPECT_EQ(recorder.failures[0].domain, "SKPSMTPMessageError");
+    EXPECT_EQ(recorder.failures[0].localizedDescription, c.expected);
+    EXPECT_EQ(recorder.sent, 0);
+    EXPECT_EQ(server.connections(), 1);
+  }
+}
+
+TEST(SKPSMTPMessage, ABrokenTlsHandshakeFailsOnceWithTheStreamError) {
+  // The server agrees to STARTTLS, then answers the client's hello with
+  // plain text instead of a TLS record, or with a fatal alert.
+  for (const std::string& answer : {std::string("220 go ahead\r\n|HTTP/1.0 400 nonsense\r\n\r\n#close"),
+                                    std::string("220 go ahead\r\n|\x15\x03\x03\x00\x02\x02\x28", 22)}) {
+    SCOPED_TRACE(answer);
+    ScriptedSMTPServer server("220 hi\r\n", replies({{"STARTTLS", answer}}));
+    Recorder recorder;
+    auto message = makeMessage(recorder, {server.port()});
+    message->setWantsSecure(true);
+    message.reset();
+    ASSERT_TRUE(recorder.message->send());
+    awaitOutcome(recorder, 15);
+    ASSERT_EQ(recorder.failures.size(), 1u);
+    EXPECT_EQ(recorder.sent, 0);
+    EXPECT_EQ(recorder.failures[0].domain, "OpenSSLErrorDomain");
+    EXPECT_NE(recorder.failures[0].localizedDescription.find("TLS failure"), std::string::npos);
+    // Nothing after the hello went out in plain text.
+    EXPECT_EQ(server.transcript().find("MAIL FROM"), std::string::npos);
   }
 }
 
