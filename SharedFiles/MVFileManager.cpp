@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <memory>
 
@@ -39,17 +40,6 @@ std::vector<std::string> pathComponents(const std::string& path) {
 }
 
 // Entry names of a folder in listing order, without "." and "..".
-std::vector<std::string> folderEntries(const std::string& folder) {
-  std::vector<std::string> entries;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
-  if (!dir) return entries;
-  while (const dirent* entry = readdir(dir.get())) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") entries.push_back(std::move(name));
-  }
-  return entries;
-}
-
 // Length of the UTF-8 sequence that starts at `at` (1 for stray bytes).
 std::size_t characterLength(const std::string& text, std::size_t at) {
   auto lead = static_cast<unsigned char>(text[at]);
@@ -104,7 +94,7 @@ std::vector<std::string> MVFileManager::filesMatchingWildcardPath(const std::str
       next.push_back(root);
     } else if (component.find('*') != std::string::npos) {
       for (const std::string& folder : candidates)
-        for (const std::string& entry : folderEntries(folder)) {
+        for (const std::string& entry : MVFileManager::folderEntries(folder)) {
           if (!nameMatchesWildcard(entry, component)) continue;
           std::string path = appendPathComponent(folder, entry);
           if (fileExistsAtPath(path)) next.push_back(std::move(path));
@@ -119,4 +109,19 @@ std::vector<std::string> MVFileManager::filesMatchingWildcardPath(const std::str
     if (candidates.empty()) break;
   }
   return candidates;
+}
+
+std::vector<std::string> MVFileManager::folderEntries(const std::string& folder, int* error) {
+  std::vector<std::string> entries;
+  if (error) *error = 0;
+  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
+  if (!dir) {
+    if (error) *error = errno;
+    return entries;
+  }
+  while (const dirent* entry = readdir(dir.get())) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..") entries.push_back(std::move(name));
+  }
+  return entries;
 }

@@ -22,6 +22,9 @@ class MVFileManager {
   MVFileManager() = delete;
 
   static bool fileExistsAtPath(const std::string& path);
+  // The names in a folder, in listing order, without "." and "..". Empty
+  // when the folder cannot be read; `error` then receives the errno.
+  static std::vector<std::string> folderEntries(const std::string& folder, int* error = nullptr);
 
   // A relative pattern is resolved under `basePath`; an absolute one from
   // "/", or from `basePath` when one is given. An empty base means none.

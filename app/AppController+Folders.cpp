@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -117,7 +119,13 @@ std::optional<std::string> AppController::latestFileInFolder(const std::string& 
   std::optional<Date> newestDate;
   std::optional<std::string> newestPath;
   bool ameFolder = contains(folder, "/Adobe/Adobe Media Encoder");
-  for (const std::string& name : quillon::folderEntries(folder)) {
+  int error = 0;
+  const std::vector<std::string> entries = MVFileManager::folderEntries(folder, &error);
+  // A folder that vanished between the event and now is ordinary; one that
+  // exists but cannot be listed is worth telling the user about.
+  if (error && error != ENOENT && error != ENOTDIR)
+    MVLog::appendLog("Unable to read the folder %@: %s", folder, std::strerror(error));
+  for (const std::string& name : entries) {
     std::string fullPath = MVAppendPathComponent(folder, name);
     if (name.empty() || name[0] == '.') continue;
     std::string ext = lowercase(pathExtension(name));

@@ -1,11 +1,9 @@
 #include "FileAttributes.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
 #include <algorithm>
-#include <memory>
 #include <cctype>
 
 namespace quillon {
@@ -26,17 +24,6 @@ std::optional<std::uint64_t> fileSize(const std::string& path) {
 bool isDirectory(const std::string& path) {
   struct stat st {};
   return !path.empty() && stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-std::vector<std::string> folderEntries(const std::string& folder) {
-  std::vector<std::string> names;
-  std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
-  if (!dir) return names;
-  while (dirent* entry = readdir(dir.get())) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  return names;
 }
 
 bool pathExists(const std::string& path) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "MVFileManager.h"
 #include "MVPlistValue.h"
 
 namespace quillon {
@@ -16,7 +17,9 @@ std::optional<std::uint64_t> fileSize(const std::string& path);
 bool isDirectory(const std::string& path);
 // The names in a folder, in listing order, without "." and ".."; empty when
 // the folder cannot be read.
-std::vector<std::string> folderEntries(const std::string& folder);
+inline std::vector<std::string> folderEntries(const std::string& folder) {
+  return MVFileManager::folderEntries(folder);
+}
 bool pathExists(const std::string& path);
 // The classic four-character type code from the "user.com.apple.FinderInfo"
 // extended attribute (bytes 0-3), where the file system carries one; 0 otherwise.
