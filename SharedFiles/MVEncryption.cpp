@@ -109,17 +109,26 @@ std::array<std::uint8_t, MVEncryption::kKeySize> MVEncryption::keyFromPassphrase
   return key;
 }
 
+namespace {
+
+// The key exists only while the schedule is made from it.
+bool setUpSchedule(MVAESKeySchedule& schedule, std::string_view passphrase,
+                   int (*setUp)(MVAESKeySchedule&, std::span<const std::uint8_t>, int), const char* operation) {
+  auto key = MVEncryption::keyFromPassphrase(passphrase);
+  WipeOnExit wipeKey(key);
+  if (setUp(schedule, key, 256) != 0) return true;
+  MVLog::appendLog("%s: the AES-256 key schedule could not be set up", operation);
+  return false;
+}
+
+}  // namespace
+
 MVEncryption::Data MVEncryption::AESEncryptData(std::span<const std::uint8_t> data, std::string_view withPassphrase) {
   Data output;
   if (data.empty()) return output;
 
-  auto key = keyFromPassphrase(withPassphrase);
-  WipeOnExit wipeKey(key);
   MVAESKeySchedule schedule;
-  if (rijndaelSetupEncrypt(schedule, key, 256) == 0) {
-    MVLog::appendLog("AESEncryptData: the AES-256 key schedule could not be set up");
-    return output;
-  }
+  if (!setUpSchedule(schedule, withPassphrase, rijndaelSetupEncrypt, "AESEncryptData")) return output;
 
   output.resize((data.size() + kBlockSize - 1) / kBlockSize * kBlockSize);
   std::array<std::uint8_t, kBlockSize> block;
@@ -140,13 +149,8 @@ MVEncryption::Data MVEncryption::AESDecryptData(std::span<const std::uint8_t> da
   Data output;
   if (data.empty()) return output;
 
-  auto key = keyFromPassphrase(withPassphrase);
-  WipeOnExit wipeKey(key);
   MVAESKeySchedule schedule;
-  if (rijndaelSetupDecrypt(schedule, key, 256) == 0) {
-    MVLog::appendLog("AESDecryptData: the AES-256 key schedule could not be set up");
-    return output;
-  }
+  if (!setUpSchedule(schedule, withPassphrase, rijndaelSetupDecrypt, "AESDecryptData")) return output;
   if (data.size() % kBlockSize != 0)
     MVLog::appendLog("AESDecryptData: %lu bytes are not a whole number of %lu-byte AES blocks; the last block is not valid",
                      data.size(), kBlockSize);

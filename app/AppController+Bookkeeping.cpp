@@ -25,6 +25,12 @@ void AppController::recordRecentFile(const std::string& path) {
   recentFiles_ = std::move(copy);
 }
 
+bool AppController::isFileRepeatedElseRecord(const std::string& path) {
+  if (isFileRepeated(path)) return true;
+  if (!path.empty()) recordRecentFile(path);
+  return false;
+}
+
 void AppController::tidyRecentFiles() {
   // The stored date is the file's modification date, so an entry lives at
   // most 60 seconds past the file's last write: long enough to swallow the

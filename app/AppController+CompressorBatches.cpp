@@ -67,6 +67,29 @@ std::optional<std::string> executableInBundle(const std::optional<std::string>& 
   return *bundle + suffix;
 }
 
+// A monitor's answer, repaired where it is not well-formed XML, and its
+// batch elements. Nothing (and a log line) when it cannot be read at all.
+struct MonitorAnswer {
+  MVXMLDocument document;
+  std::vector<MVXMLNode> batches;
+};
+
+std::optional<MonitorAnswer> batchesInMonitorAnswer(const MVTaskEx::Data& data) {
+  std::string error;
+  auto document = MVXMLDocument::documentWithData(bytesOf(data), MVXMLDocument::kTidyXML, &error);
+  if (!document) {
+    MVLog::appendLog("Error loading XML document: %@", error);
+    return std::nullopt;
+  }
+  error.clear();
+  std::vector<MVXMLNode> batches = document->nodesForXPath(".//batchStatus", &error);
+  if (!error.empty()) {
+    MVLog::appendLog("Unable to get batches - %@", error);
+    return std::nullopt;
+  }
+  return MonitorAnswer{std::move(*document), std::move(batches)};
+}
+
 }  // namespace
 
 AppController::ClusterBatches AppController::qmasterBatches() {
@@ -156,20 +179,11 @@ std::optional<AppController::BatchTable> AppController::qmasterBatchesInCluster(
     return table;
   }
 
-  std::string error;
-  auto document = MVXMLDocument::documentWithData(bytesOf(*data), MVXMLDocument::kTidyXML, &error);
-  if (!document) {
-    MVLog::appendLog("Error loading XML document: %@", error);
-    return std::nullopt;
-  }
-  error.clear();
-  std::vector<MVXMLNode> batches = document->nodesForXPath(".//batchStatus", &error);
-  if (!error.empty()) {
-    MVLog::appendLog("Unable to get batches - %@", error);
-    return std::nullopt;
-  }
+  auto answer = batchesInMonitorAnswer(*data);
+  if (!answer) return std::nullopt;
+  const std::vector<MVXMLNode>& batches = answer->batches;
   if (batches.empty()) {
-    MVLog::appendLog("No batches found in data: %@", document->xmlString());
+    MVLog::appendLog("No batches found in data: %@", answer->document.xmlString());
     return table;
   }
   for (const MVXMLNode& batch : batches) {
@@ -201,18 +215,9 @@ std::optional<MVPlistValue> AppController::qmasterBatchWithID(const std::string&
       applicationPath, {"-clustername", cluster, "-batchid", batchID, "-query", "0.3", "-timeout", "0.3"},
       kMonitorTimeout);
   if (!data || data->empty()) return std::nullopt;
-  std::string error;
-  auto document = MVXMLDocument::documentWithData(bytesOf(*data), MVXMLDocument::kTidyXML, &error);
-  if (!document) {
-    MVLog::appendLog("Error loading XML document: %@", error);
-    return std::nullopt;
-  }
-  error.clear();
-  std::vector<MVXMLNode> batches = document->nodesForXPath(".//batchStatus", &error);
-  if (!error.empty()) {
-    MVLog::appendLog("Unable to get batches - %@", error);
-    return std::nullopt;
-  }
+  auto answer = batchesInMonitorAnswer(*data);
+  if (!answer) return std::nullopt;
+  const std::vector<MVXMLNode>& batches = answer->batches;
   if (batches.empty()) return std::nullopt;
   return recordFromAttributes(batches.front());
 }

@@ -115,37 +115,31 @@ void AppController::renderDidFinishSuccessfully(const RenderDescription& render)
   std::string path, text;
   bool watchFolder = false;
 
-  auto repeatedOrRecord = [&]() {
-    if (isFileRepeated(path)) return true;
-    if (!path.empty()) recordRecentFile(path);
-    return false;
-  };
-
   if (type == "qmaster") {
     if (!recordBatchUnlessAnnounced(stringValue(render["batchid"]))) return;
     if (frontmostIs("Compressor", "Compressor is currently active...skipping")) return;
     if (auto name = removingPercentEncoding(stringValue(render["name"]))) text = "Batch: " + *name;
   } else if (type == "fcpRender") {
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     if (frontmostIs("Final Cut Pro", "Final Cut Pro is currently active...skipping")) return;
     if (!render["projectName"].isNil()) text = "Project: " + stringValue(render["projectName"]);
   } else if (type == "avidRender" || type == "premiereRender") {
     path = stringValue(render["fullPath"]);
     std::string shown = render["projectName"].isNil() ? lastPathComponent(path) : stringValue(render["projectName"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     // One test with the Avid name serves Premiere renders too.
     if (frontmostIs("Avid Media Composer", "Avid is currently active...skipping")) return;
     text = "File: " + shown;
   } else if (type == "ameQueue") {
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     text = "Adobe Media Encoder queue finished";
     if (frontmostIs("Adobe Media Encoder", "Adobe Media Encoder is currently active...skipping")) return;
   } else {
     watchFolder = true;
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     if (!render["watchFilename"].isNil()) text = "File: " + stringValue(render["watchFilename"]);
   }
 
@@ -199,28 +193,22 @@ void AppController::renderDidFail(const RenderDescription& render) {
 
   std::string type = stringValue(render["type"]);
   std::string path, text;
-  auto repeatedOrRecord = [&]() {
-    if (isFileRepeated(path)) return true;
-    if (!path.empty()) recordRecentFile(path);
-    return false;
-  };
-
   if (type == "qmaster") {
     if (!recordBatchUnlessAnnounced(stringValue(render["batchid"]))) return;
     text = "Batch: " + stringValue(render["name"]);
   } else if (type == "fcpRender") {
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     if (!render["projectName"].isNil()) text = "Project: " + stringValue(render["projectName"]);
   } else if (type == "avidRender" || type == "premiereRender") {
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     text = "File: " + lastPathComponent(path);
   } else if (type == "ameQueue") {
     text = "Adobe Media Encoder queue stopped.";
   } else {
     path = stringValue(render["fullPath"]);
-    if (repeatedOrRecord()) return;
+    if (isFileRepeatedElseRecord(path)) return;
     if (!render["watchFilename"].isNil()) text = "File: " + stringValue(render["watchFilename"]);
   }
 

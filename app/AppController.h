@@ -69,6 +69,8 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
   void tidyRecentFiles();
   void addRecentBatch(const std::string& batchID);
   void recordRecentFile(const std::string& path);
+  // True when `path` was already announced as it is now; otherwise records it.
+  bool isFileRepeatedElseRecord(const std::string& path);
   // False when the batch was already announced; otherwise records it.
   bool recordBatchUnlessAnnounced(const std::string& batchID);
   int cpuUsageForApplication(const std::string& applicationName);

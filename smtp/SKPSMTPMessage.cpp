@@ -281,6 +281,14 @@ void SKPSMTPMessage::sendCommand(const std::string& command) {
 }
 
 void SKPSMTPMessage::handleLine(const std::string& line) {
+  // AUTH LOGIN's prompts, "Username:" and "Password:" in Base64, matched as
+  // they stand; each is answered with the Base64 of what it asks for.
+  static constexpr const char* kUsernamePrompt = "334 VXNlcm5hbWU6";
+  static constexpr const char* kPasswordPrompt = "334 UGFzc3dvcmQ6";
+  auto answerPrompt = [this](int next, const std::string& value) {
+    sendState_ = next;
+    sendCommand(MVFormatString("%@\r\n", Base64Additions::encodeBase64ForData(value)));
+  };
   stopWatchdog();
   const int state = sendState_;
   // Each branch moves to the next state before writing, so nothing the main
@@ -335,24 +343,17 @@ void SKPSMTPMessage::handleLine(const std::string& line) {
         // The secured server's capabilities replace what it offered in plain text.
         serverAuthCRAMMD5_ = serverAuthPLAIN_ = serverAuthLOGIN_ = serverAuthDIGESTMD5_ = false;
         sendCommand(MVFormatString("EHLO %@\r\n", "localhost"));
-      } else if (hasPrefix(line, "334 VXNlcm5hbWU6")) {
-        sendState_ = kSKPSMTPAwaitingPasswordPrompt;
-        sendCommand(MVFormatString("%@\r\n", Base64Additions::encodeBase64ForData(login_)));
+      } else if (hasPrefix(line, kUsernamePrompt)) {
+        answerPrompt(kSKPSMTPAwaitingPasswordPrompt, login_);
       }
       break;
 
     case kSKPSMTPAwaitingUsernamePrompt:
-      if (hasPrefix(line, "334 VXNlcm5hbWU6")) {
-        sendState_ = kSKPSMTPAwaitingPasswordPrompt;
-        sendCommand(MVFormatString("%@\r\n", Base64Additions::encodeBase64ForData(login_)));
-      }
+      if (hasPrefix(line, kUsernamePrompt)) answerPrompt(kSKPSMTPAwaitingPasswordPrompt, login_);
       break;
 
     case kSKPSMTPAwaitingPasswordPrompt:
-      if (hasPrefix(line, "334 UGFzc3dvcmQ6")) {
-        sendState_ = kSKPSMTPAwaitingAuthResult;
-        sendCommand(MVFormatString("%@\r\n", Base64Additions::encodeBase64ForData(pass_)));
-      }
+      if (hasPrefix(line, kPasswordPrompt)) answerPrompt(kSKPSMTPAwaitingAuthResult, pass_);
       break;
 
     case kSKPSMTPAwaitingAuthResult:
