@@ -73,6 +73,13 @@ inline void useScratchHome() {
   }
 }
 
+// Every target's LLVMFuzzerInitialize: a scratch home and the log off.
+#define QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()         \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) { \
+    quillon_fuzz::useScratchHome();                     \
+    return 0;                                           \
+  }
+
 inline std::string_view asText(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }

@@ -34,10 +34,7 @@ bool isValidUTF8(const std::string& text) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  quillon_fuzz::useScratchHome();
-  return 0;
-}
+QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::vector<std::uint8_t> little(data, data + size);

@@ -9,10 +9,7 @@
 #include "Base64.h"
 #include "FuzzSupport.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  quillon_fuzz::useScratchHome();
-  return 0;
-}
+QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(quillon_fuzz::asText(data, size));

@@ -40,10 +40,7 @@ void readJobProgress(const MVPlistValue& info) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  quillon_fuzz::useScratchHome();
-  return 0;
-}
+QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   MVPlistValue root = MVPropertyList::parse(std::string(quillon_fuzz::asText(data, size)));

@@ -42,10 +42,7 @@ std::string secondPass(const std::string& message) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  quillon_fuzz::useScratchHome();
-  return 0;
-}
+QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view input = quillon_fuzz::asText(data, size);

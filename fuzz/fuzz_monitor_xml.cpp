@@ -10,10 +10,7 @@
 #include "MVXMLDocument.h"
 #include "MVXMLParser.h"
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  quillon_fuzz::useScratchHome();
-  return 0;
-}
+QUILLON_FUZZ_INITIALIZE_IN_SCRATCH_HOME()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string error;
