@@ -9,6 +9,9 @@
 #   SIZES="1000"      tree sizes to set up (default "1000 10000 100000")
 #   SKIP_MICRO=1      skip the micro-benchmarks
 #   BENCH_OUT=FILE    also write the table to FILE
+#   BENCH_BUILD_DIR=D build and measure in D instead of build-bench (a folder
+#                     of your own that may also hold the tests: its test
+#                     setting is left as it is)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/deps.sh
@@ -16,8 +19,10 @@ quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" libbenchmark-dev \
   inotify-tools fswatch hyperfine msmtp procps util-linux \
   dbus dbus-daemon python3-dbusmock python3-aiosmtpd || exit 1
 
-BUILD=build-bench
-cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release -DQUILLON_BUILD_TESTS=OFF -DQUILLON_BUILD_BENCH=ON >"$BUILD.configure.log" 2>&1 ||
+BUILD=${BENCH_BUILD_DIR:-build-bench}
+TEST_OPTION=-DQUILLON_BUILD_TESTS=OFF
+if [ -n "${BENCH_BUILD_DIR:-}" ]; then TEST_OPTION=; fi
+cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release $TEST_OPTION -DQUILLON_BUILD_BENCH=ON >"$BUILD.configure.log" 2>&1 ||
   { tail -n 30 "$BUILD.configure.log"; exit 1; }
 cmake --build "$BUILD" -j "${JOBS:-$(nproc)}" --target quillon-helper quillon-microbench quillon-watch-bench quillon-mail-bench fswalk-floor
 

@@ -10,16 +10,21 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "InotifyWatchTable.h"
@@ -47,6 +52,11 @@ class UniqueFd {
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
   ~UniqueFd() { reset(); }
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept {
+    reset(other.release());
+    return *this;
+  }
   UniqueFd(const UniqueFd&) = delete;
   UniqueFd& operator=(const UniqueFd&) = delete;
   int get() const { return fd_; }
@@ -55,13 +65,10 @@ class UniqueFd {
     if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
+  int release() { return std::exchange(fd_, -1); }
 
  private:
   int fd_ = -1;
-};
-
-struct DirCloser {
-  void operator()(DIR* dir) const { closedir(dir); }
 };
 
 std::string folderPath(const std::string& folder) { return folder == "/" ? folder : folder + "/"; }
@@ -76,9 +83,37 @@ bool isFolder(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+using ListingBuffer = std::array<char, 32 * 1024>;
+
+// Appends the names of the folders in the open folder `fd` to `names`, each
+// ended by '\0'; true when the folder holds anything at all. The raw listing
+// rather than readdir: fdopendir would ask the kernel twice more about the
+// folder before the first entry.
+bool listSubfolders(int fd, ListingBuffer& buffer, std::string& names) {
+  bool hasEntries = false;
+  ssize_t length;
+  while ((length = ::getdents64(fd, buffer.data(), buffer.size())) > 0) {
+    for (ssize_t offset = 0; offset < length;) {
+      const auto* entry = reinterpret_cast<const struct dirent64*>(buffer.data() + offset);
+      offset += entry->d_reclen;
+      const char* name = entry->d_name;
+      if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+      hasEntries = true;
+      bool folder = entry->d_type == DT_DIR;
+      if (entry->d_type == DT_UNKNOWN) {
+        struct stat st;
+        folder = ::fstatat(fd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+      }
+      if (folder) names.append(name).push_back('\0');
+    }
+  }
+  return hasEntries;
+}
+
 struct RawEvent {
   int wd;
   std::uint32_t mask;
+  std::uint32_t cookie;
   std::string name;
 };
 
@@ -88,6 +123,10 @@ struct Pass {
   bool resolvePending = false;
   std::vector<int> gone;
   std::vector<std::string> unmounted;
+  // A folder renamed within the tree, between its two events: its watches
+  // stay and are filed under the new name.
+  int movingWd = -1;
+  std::uint32_t movingCookie = 0;
 };
 
 class InotifyStream final : public MVFSEventsBackend {
@@ -112,12 +151,15 @@ class InotifyStream final : public MVFSEventsBackend {
 
   bool readAndHandle();
   std::vector<RawEvent> readEvents();
-  void handle(const RawEvent& event, Pass& pass);
+  void handle(const RawEvent& event, const RawEvent* next, Pass& pass);
+  bool staysInTree(const RawEvent& from, const RawEvent* next, int moved, const std::string& path) const;
   void finish(Pass& pass);
 
   void resolve(const std::string& root, bool appeared);
   void resolvePending();
-  void watchTree(const std::string& top, bool followTop, bool report);
+  // Watches `top` and every folder below it. `parentWd` is the watch of the
+  // folder holding `top`, or -1 when `top` is filed under its whole path.
+  void watchTree(const std::string& top, int parentWd, bool followTop, bool report);
   void rootLost(const std::string& root);
   void dropSubtree(const std::string& folder);
   void dropUncovered();
@@ -125,12 +167,13 @@ class InotifyStream final : public MVFSEventsBackend {
   void resync();
   void removeWatch(int wd);
   void reportLimit(const std::string& folder);
+  bool linkCountCountsSubfolders(dev_t device, const std::string& path);
 
   bool coveredByPresentRoot(const std::string& path, const std::string& except = {}) const;
-  bool isTopOfUnmount(const InotifyWatch& watch);
+  bool isTopOfUnmount(int wd, const std::string& path, const InotifyWatch& watch);
   bool hasPendingRoots() const;
-  std::string reportPath(const InotifyWatch& watch) const {
-    return watch.isFile ? folderPath(InotifyWatchTable::parentOf(watch.path)) : folderPath(watch.path);
+  std::string reportPath(const std::string& path, const InotifyWatch& watch) const {
+    return watch.isFile ? folderPath(InotifyWatchTable::parentOf(path)) : folderPath(path);
   }
 
   UniqueFd fd_;
@@ -142,6 +185,10 @@ class InotifyStream final : public MVFSEventsBackend {
   BatchHandler onBatch_;
   bool active_ = false;
   bool limitLogged_ = false;
+  // File systems, by device, whose folders count their subfolders in their
+  // link count (2 + subfolders). Forgotten at each start and unmount: a
+  // device number can come back for another kind of file system.
+  std::vector<std::pair<dev_t, bool>> linkCounting_;
   alignas(struct inotify_event) std::array<char, 64 * 1024> buffer_{};
 };
 
@@ -155,6 +202,7 @@ void InotifyStream::start(const std::vector<std::string>& paths, double latency,
   batcher_.setLatency(latency);
   active_ = true;
   limitLogged_ = false;
+  linkCounting_.clear();
 
   std::set<std::string> wanted;
   for (const auto& path : paths)
@@ -193,11 +241,11 @@ void InotifyStream::start(const std::vector<std::string>& paths, double latency,
     }
     // A kept path may now name another folder (a volume mounted again).
     int wd = table_.descriptorFor(root);
-    InotifyWatch* watch = wd >= 0 ? table_.find(wd) : nullptr;
+    std::optional<InotifyWatch> watch = table_.find(wd);
     struct stat st;
     if (!watch || ::stat(root.c_str(), &st) != 0 || st.st_dev != watch->device || st.st_ino != watch->inode) {
       for (int old : table_.subtree(root))
-        if (const InotifyWatch* w = table_.find(old); w && !coveredByPresentRoot(w->path, root)) removeWatch(old);
+        if (table_.contains(old) && !coveredByPresentRoot(table_.pathOf(old), root)) removeWatch(old);
       it->second.present = false;
       resolve(root, false);
     }
@@ -249,7 +297,8 @@ void InotifyStream::deliver(const std::vector<MVFSEventRecord>& records) {
 bool InotifyStream::readAndHandle() {
   if (!fd_) return false;
   Pass pass;
-  for (const RawEvent& event : readEvents()) handle(event, pass);
+  const std::vector<RawEvent> events = readEvents();
+  for (std::size_t i = 0; i < events.size(); ++i) handle(events[i], i + 1 < events.size() ? &events[i + 1] : nullptr, pass);
   finish(pass);
   return true;
 }
@@ -262,21 +311,22 @@ std::vector<RawEvent> InotifyStream::readEvents() {
     if (length <= 0) break;
     for (const char* p = buffer_.data(); p < buffer_.data() + length;) {
       const auto* event = reinterpret_cast<const struct inotify_event*>(p);
-      events.push_back(RawEvent{event->wd, event->mask, std::string(event->name, strnlen(event->name, event->len))});
+      events.push_back(
+          RawEvent{event->wd, event->mask, event->cookie, std::string(event->name, strnlen(event->name, event->len))});
       p += sizeof(struct inotify_event) + event->len;
     }
   }
   return events;
 }
 
-void InotifyStream::handle(const RawEvent& event, Pass& pass) {
+void InotifyStream::handle(const RawEvent& event, const RawEvent* next, Pass& pass) {
   if (event.mask & IN_Q_OVERFLOW) {
     pass.overflow = true;
     return;
   }
-  InotifyWatch* watch = table_.find(event.wd);
+  std::optional<InotifyWatch> watch = table_.find(event.wd);
   if (!watch) return;  // a watch already dropped; its last events are stale
-  const std::string path = watch->path;
+  const std::string path = table_.pathOf(event.wd);
 
   if (event.mask & IN_IGNORED) {
     // Dropped at the end of the pass, so later events of this pass can still
@@ -293,9 +343,10 @@ void InotifyStream::handle(const RawEvent& event, Pass& pass) {
     return;
   }
   if (event.mask & IN_UNMOUNT) {
-    if (!watch->unmounted && !watch->anchorOnly && isTopOfUnmount(*watch))
-      batcher_.noteChange(reportPath(*watch), kMVFSEventFlagUnmount);
-    watch->unmounted = true;
+    linkCounting_.clear();
+    if (!watch->unmounted && !watch->anchorOnly && isTopOfUnmount(event.wd, path, *watch))
+      batcher_.noteChange(reportPath(path, *watch), kMVFSEventFlagUnmount);
+    table_.markUnmounted(event.wd);
     return;
   }
   if (event.mask & (IN_DELETE_SELF | IN_MOVE_SELF)) {
@@ -303,7 +354,7 @@ void InotifyStream::handle(const RawEvent& event, Pass& pass) {
     if (watch->anchorOnly) {
       pass.resolvePending = true;
     } else if (auto root = roots_.find(path); root != roots_.end() && root->second.present) {
-      rootLost(path);  // drops `watch`
+      rootLost(path);  // drops the watch
       pass.resolvePending = true;
     }
     return;
@@ -311,15 +362,40 @@ void InotifyStream::handle(const RawEvent& event, Pass& pass) {
   if ((event.mask & (IN_CREATE | IN_MOVED_TO)) && hasPendingRoots()) pass.resolvePending = true;
   if (watch->anchorOnly) return;
 
-  batcher_.noteChange(reportPath(*watch), kMVFSEventFlagNone);
+  batcher_.noteChange(reportPath(path, *watch), kMVFSEventFlagNone);
   if (watch->isFile || !(event.mask & IN_ISDIR) || event.name.empty()) return;
   const std::string child = InotifyWatchTable::join(path, event.name);
   if (event.mask & (IN_CREATE | IN_MOVED_TO)) {
-    watchTree(child, false, true);
+    if ((event.mask & IN_MOVED_TO) && pass.movingWd >= 0 && pass.movingCookie == event.cookie)
+      table_.move(pass.movingWd, event.wd, event.name);
+    pass.movingWd = -1;
+    // Walked even when it was renamed within the tree: its files are news
+    // at the new path, and folders may have been made inside it meanwhile.
+    watchTree(child, event.wd, false, true);
   } else if (event.mask & IN_MOVED_FROM) {
-    dropSubtree(child);
+    const int moved = table_.childDescriptor(event.wd, event.name);
+    if (staysInTree(event, next, moved, child)) {
+      pass.movingWd = moved;
+      pass.movingCookie = event.cookie;
+    } else {
+      dropSubtree(child);
+    }
     if (hasPendingRoots()) pass.resolvePending = true;
   }
+}
+
+// A rename's two events come one after the other. Only a rename whose other
+// half is next, into a folder whose changes are reported, keeps the watches;
+// anything else leaves the tree, as before, or holds a watched path, whose
+// loss has to be reported.
+bool InotifyStream::staysInTree(const RawEvent& from, const RawEvent* next, int moved, const std::string& path) const {
+  if (moved < 0 || !next || !(next->mask & IN_MOVED_TO) || !(next->mask & IN_ISDIR) || next->cookie != from.cookie)
+    return false;
+  std::optional<InotifyWatch> target = table_.find(next->wd);
+  if (!target || target->anchorOnly || target->isFile) return false;
+  for (const auto& [root, state] : roots_)
+    if (InotifyWatchTable::isWithin(root, path)) return false;
+  return true;
 }
 
 void InotifyStream::finish(Pass& pass) {
@@ -332,7 +408,7 @@ void InotifyStream::finish(Pass& pass) {
       resolve(path, false);
       pass.resolvePending = true;
     } else if (coveredByPresentRoot(path) && isFolder(path)) {
-      watchTree(path, false, false);
+      watchTree(path, table_.descriptorFor(InotifyWatchTable::parentOf(path)), false, false);
     }
   }
   if (pass.overflow) {
@@ -341,8 +417,8 @@ void InotifyStream::finish(Pass& pass) {
     for (const auto& [root, state] : roots_)
       if (state.present) {
         int wd = table_.descriptorFor(root);
-        const InotifyWatch* watch = wd >= 0 ? table_.find(wd) : nullptr;
-        batcher_.noteChange(watch ? reportPath(*watch) : folderPath(root),
+        std::optional<InotifyWatch> watch = table_.find(wd);
+        batcher_.noteChange(watch ? reportPath(table_.pathOf(wd), *watch) : folderPath(root),
                             kMVFSEventFlagMustScanSubDirs | kMVFSEventFlagKernelDropped);
       }
     resync();
@@ -363,17 +439,17 @@ void InotifyStream::resolve(const std::string& root, bool appeared) {
     return;
   }
   if (S_ISDIR(st.st_mode)) {
-    watchTree(root, true, appeared);
+    watchTree(root, -1, true, appeared);
   } else {
     // A single file: its changes are reported as changes of its folder.
     int wd = inotify_add_watch(fd_.get(), root.c_str(), kFileMask);
     if (wd < 0 && errno == ENOSPC) reportLimit(root);
-    if (wd >= 0) table_.insert(wd, InotifyWatch{root, st.st_dev, st.st_ino, false, true, false});
+    if (wd >= 0) table_.insert(wd, root, InotifyWatch{st.st_dev, st.st_ino, false, true, false});
   }
   int wd = table_.descriptorFor(root);
-  const InotifyWatch* watch = wd >= 0 ? table_.find(wd) : nullptr;
+  std::optional<InotifyWatch> watch = table_.find(wd);
   state.present = watch && !watch->anchorOnly;
-  if (state.present && appeared) batcher_.noteChange(reportPath(*watch), kMVFSEventFlagRootChanged);
+  if (state.present && appeared) batcher_.noteChange(reportPath(root, *watch), kMVFSEventFlagRootChanged);
 }
 
 void InotifyStream::resolvePending() {
@@ -386,55 +462,93 @@ void InotifyStream::resolvePending() {
   }
 }
 
-void InotifyStream::watchTree(const std::string& top, bool followTop, bool report) {
-  std::vector<std::string> folders{top};
-  while (!folders.empty()) {
-    std::string folder = std::move(folders.back());
-    folders.pop_back();
-    const bool follow = followTop && folder == top;
+void InotifyStream::watchTree(const std::string& top, int parentWd, bool followTop, bool report) {
+  // One folder being listed. Its descriptor stays open while its subfolders
+  // are walked, so each of them is opened by name alone rather than by a
+  // whole path that the kernel would have to resolve again.
+  struct Frame {
+    UniqueFd folder;  // closed early when the walk is deep
+    int wd = -1;
+    std::size_t pathLength = 0;
+    std::string subfolders;  // names, each ended by '\0'
+    std::size_t next = 0;
+  };
+  // Deeper than this, folders are opened by their whole path: a tree may be
+  // deeper than the process may hold descriptors.
+  constexpr std::size_t kMaxOpenFolders = 64;
+
+  std::vector<Frame> frames;
+  alignas(struct dirent64) ListingBuffer listing;
+  std::string path = top;
+  std::size_t topNameStart = top.find_last_of('/');
+  topNameStart = topNameStart == std::string::npos ? 0 : topNameStart + 1;
+
+  // Adds the watch of the folder at `path`, found as `name` in `at`, and lists
+  // its subfolders into a new frame. False when the walk has to stop.
+  // `name` and `ownName` may point into the frame below, so they are used
+  // only before the new frame is pushed.
+  auto enter = [&](int at, const char* name, int parent, std::string_view ownName, bool follow) {
     // Watch first, list second: anything created in between shows up in the
     // listing or as an event, never in neither.
-    int wd = inotify_add_watch(fd_.get(), folder.c_str(), kFolderMask | (follow ? 0 : IN_DONT_FOLLOW));
+    int wd = inotify_add_watch(fd_.get(), path.c_str(), kFolderMask | (follow ? 0 : IN_DONT_FOLLOW));
     if (wd < 0) {
-      if (errno == ENOSPC) {
-        reportLimit(folder);
-        return;
-      }
-      continue;  // gone again, or not readable
+      if (errno != ENOSPC) return true;  // gone again, or not readable
+      reportLimit(path);
+      return false;
     }
     struct stat st {};
-    if ((follow ? ::stat(folder.c_str(), &st) : ::lstat(folder.c_str(), &st)) != 0) {
-      if (!table_.find(wd)) inotify_rm_watch(fd_.get(), wd);
+    if (::fstatat(at, name, &st, follow ? 0 : AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) {
+      if (!table_.contains(wd)) inotify_rm_watch(fd_.get(), wd);
+      return true;
+    }
+    const InotifyWatch watch{st.st_dev, st.st_ino, false, false, false};
+    if (parent >= 0)
+      table_.insertChild(wd, parent, ownName, path, watch);
+    else
+      table_.insert(wd, path, watch);
+    // Most folders of a render tree hold no folders, and their link count
+    // says so; only a folder whose files must be reported is listed anyway.
+    if (!report && st.st_nlink == 2 && linkCountCountsSubfolders(st.st_dev, path)) return true;
+
+    UniqueFd folder(::openat(at, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | (follow ? 0 : O_NOFOLLOW)));
+    if (!folder) return true;
+    frames.emplace_back();
+    Frame& frame = frames.back();
+    frame.wd = wd;
+    frame.pathLength = path.size();
+    const bool hasEntries = listSubfolders(folder.get(), listing, frame.subfolders);
+    // Its files may have been written before the watch existed.
+    if (report && hasEntries) batcher_.noteChange(folderPath(path), kMVFSEventFlagNone);
+    if (!frame.subfolders.empty() && frames.size() < kMaxOpenFolders) frame.folder = std::move(folder);
+    return true;
+  };
+
+  if (!enter(AT_FDCWD, top.c_str(), parentWd, std::string_view(top).substr(topNameStart), followTop)) return;
+  while (!frames.empty()) {
+    Frame& frame = frames.back();
+    if (frame.next >= frame.subfolders.size()) {
+      frames.pop_back();
       continue;
     }
-    table_.insert(wd, InotifyWatch{folder, st.st_dev, st.st_ino, false, false, false});
-
-    std::unique_ptr<DIR, DirCloser> dir(opendir(folder.c_str()));
-    if (!dir) continue;
-    bool hasEntries = false;
-    while (const dirent* entry = readdir(dir.get())) {
-      std::string name = entry->d_name;
-      if (name == "." || name == "..") continue;
-      hasEntries = true;
-      bool subfolder = entry->d_type == DT_DIR;
-      if (entry->d_type == DT_UNKNOWN) {
-        struct stat child;
-        subfolder = ::lstat(InotifyWatchTable::join(folder, name).c_str(), &child) == 0 && S_ISDIR(child.st_mode);
-      }
-      if (subfolder) folders.push_back(InotifyWatchTable::join(folder, name));
-    }
-    // Its files may have been written before the watch existed.
-    if (report && hasEntries) batcher_.noteChange(folderPath(folder), kMVFSEventFlagNone);
+    const char* name = frame.subfolders.c_str() + frame.next;
+    const std::size_t nameLength = std::strlen(name);
+    frame.next += nameLength + 1;
+    path.resize(frame.pathLength);
+    if (path != "/") path.push_back('/');
+    path.append(name, nameLength);
+    const int at = frame.folder ? frame.folder.get() : AT_FDCWD;
+    // `frame` may move when the next frame is pushed.
+    if (!enter(at, at == AT_FDCWD ? path.c_str() : name, frame.wd, std::string_view(name, nameLength), false)) return;
   }
 }
 
 void InotifyStream::rootLost(const std::string& root) {
   int wd = table_.descriptorFor(root);
-  const InotifyWatch* watch = wd >= 0 ? table_.find(wd) : nullptr;
-  batcher_.noteChange(watch ? reportPath(*watch) : folderPath(root), kMVFSEventFlagRootChanged);
+  std::optional<InotifyWatch> watch = table_.find(wd);
+  batcher_.noteChange(watch ? reportPath(root, *watch) : folderPath(root), kMVFSEventFlagRootChanged);
   roots_[root].present = false;
   for (int old : table_.subtree(root))
-    if (const InotifyWatch* w = table_.find(old); w && !coveredByPresentRoot(w->path, root)) removeWatch(old);
+    if (table_.contains(old) && !coveredByPresentRoot(table_.pathOf(old), root)) removeWatch(old);
 }
 
 void InotifyStream::dropSubtree(const std::string& folder) {
@@ -449,7 +563,8 @@ void InotifyStream::dropSubtree(const std::string& folder) {
 
 void InotifyStream::dropUncovered() {
   for (int wd : table_.allDescriptors())
-    if (const InotifyWatch* watch = table_.find(wd); watch && !watch->anchorOnly && !coveredByPresentRoot(watch->path))
+    if (std::optional<InotifyWatch> watch = table_.find(wd);
+        watch && !watch->anchorOnly && !coveredByPresentRoot(table_.pathOf(wd)))
       removeWatch(wd);
 }
 
@@ -463,7 +578,7 @@ void InotifyStream::refreshAnchors() {
   }
   const std::set<int> anchors = table_.anchorDescriptors();
   for (int wd : anchors)
-    if (const InotifyWatch* watch = table_.find(wd); watch && !needed.count(watch->path)) removeWatch(wd);
+    if (table_.contains(wd) && !needed.count(table_.pathOf(wd))) removeWatch(wd);
   for (const std::string& ancestor : needed) {
     if (table_.descriptorFor(ancestor) >= 0) continue;  // already watched, as part of a tree or an anchor
     int wd = inotify_add_watch(fd_.get(), ancestor.c_str(), kFolderMask);
@@ -471,20 +586,21 @@ void InotifyStream::refreshAnchors() {
       if (errno == ENOSPC) reportLimit(ancestor);
       continue;
     }
-    if (table_.find(wd)) continue;  // the same folder under another spelling
+    if (table_.contains(wd)) continue;  // the same folder under another spelling
     struct stat st {};
     ::stat(ancestor.c_str(), &st);
-    table_.insert(wd, InotifyWatch{ancestor, st.st_dev, st.st_ino, true, false, false});
+    table_.insert(wd, ancestor, InotifyWatch{st.st_dev, st.st_ino, true, false, false});
   }
 }
 
 void InotifyStream::resync() {
   for (int wd : table_.allDescriptors()) {
-    const InotifyWatch* watch = table_.find(wd);
+    std::optional<InotifyWatch> watch = table_.find(wd);
     if (!watch) continue;
+    const std::string path = table_.pathOf(wd);
     struct stat st;
-    bool follow = watch->isFile || roots_.count(watch->path) || watch->anchorOnly;
-    bool same = (follow ? ::stat(watch->path.c_str(), &st) : ::lstat(watch->path.c_str(), &st)) == 0 &&
+    bool follow = watch->isFile || roots_.count(path) || watch->anchorOnly;
+    bool same = (follow ? ::stat(path.c_str(), &st) : ::lstat(path.c_str(), &st)) == 0 &&
                 st.st_dev == watch->device && st.st_ino == watch->inode;
     if (!same) removeWatch(wd);
   }
@@ -493,7 +609,7 @@ void InotifyStream::resync() {
     if (table_.descriptorFor(root) < 0)
       state.present = false;
     else if (isFolder(root))
-      watchTree(root, true, false);
+      watchTree(root, -1, true, false);
   }
   resolvePending();
 }
@@ -501,6 +617,18 @@ void InotifyStream::resync() {
 void InotifyStream::removeWatch(int wd) {
   inotify_rm_watch(fd_.get(), wd);
   table_.erase(wd);
+}
+
+bool InotifyStream::linkCountCountsSubfolders(dev_t device, const std::string& path) {
+  for (const auto& [known, counts] : linkCounting_)
+    if (known == device) return counts;
+  // Only file systems known to keep the rule: others (btrfs, network and
+  // FUSE file systems) give folders a link count of 1 or whatever they like.
+  struct statfs fs {};
+  bool counts = ::statfs(path.c_str(), &fs) == 0 &&
+                (fs.f_type == EXT4_SUPER_MAGIC || fs.f_type == XFS_SUPER_MAGIC || fs.f_type == TMPFS_MAGIC);
+  linkCounting_.emplace_back(device, counts);
+  return counts;
 }
 
 void InotifyStream::reportLimit(const std::string& folder) {
@@ -518,10 +646,9 @@ bool InotifyStream::coveredByPresentRoot(const std::string& path, const std::str
   return false;
 }
 
-bool InotifyStream::isTopOfUnmount(const InotifyWatch& watch) {
-  if (roots_.count(watch.path)) return true;
-  int parent = table_.descriptorFor(InotifyWatchTable::parentOf(watch.path));
-  const InotifyWatch* above = parent >= 0 ? table_.find(parent) : nullptr;
+bool InotifyStream::isTopOfUnmount(int wd, const std::string& path, const InotifyWatch& watch) {
+  if (roots_.count(path)) return true;
+  std::optional<InotifyWatch> above = table_.find(table_.parentDescriptor(wd));
   return !above || above->device != watch.device;
 }
 

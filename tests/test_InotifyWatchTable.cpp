@@ -1,0 +1,195 @@
+// The inotify stream's watch table: paths put together from parents and
+// names, kept right through renames, removals and descriptor reuse.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "InotifyWatchTable.h"
+
+using quillon::InotifyWatch;
+using quillon::InotifyWatchTable;
+
+namespace {
+
+const InotifyWatch kFolder{1, 0, false, false, false};
+const InotifyWatch kAnchor{1, 0, true, false, false};
+
+// wd 1 = /r, 2 = /r/a, 3 = /r/a/b, 4 = /r/c
+InotifyWatchTable smallTree() {
+  InotifyWatchTable table;
+  table.insert(1, "/r", kFolder);
+  table.insertChild(2, 1, "a", "/r/a", kFolder);
+  table.insertChild(3, 2, "b", "/r/a/b", kFolder);
+  table.insertChild(4, 1, "c", "/r/c", kFolder);
+  return table;
+}
+
+}  // namespace
+
+TEST(InotifyWatchTable, PathsFollowRenamesOfAnyFolderAbove) {
+  InotifyWatchTable table = smallTree();
+  EXPECT_EQ(table.pathOf(3), "/r/a/b");
+  EXPECT_EQ(table.descriptorFor("/r/a/b"), 3);
+  EXPECT_EQ(table.descriptorFor("/r/a/"), 2);
+  EXPECT_EQ(table.descriptorFor("/r/x"), -1);
+  EXPECT_EQ(table.childDescriptor(2, "b"), 3);
+  EXPECT_EQ(table.parentDescriptor(3), 2);
+
+  ASSERT_TRUE(table.move(2, 4, "moved"));
+  EXPECT_EQ(table.pathOf(3), "/r/c/moved/b");
+  EXPECT_EQ(table.descriptorFor("/r/c/moved/b"), 3);
+  EXPECT_EQ(table.descriptorFor("/r/a/b"), -1);
+  EXPECT_EQ(table.childDescriptor(1, "a"), -1);
+
+  // Never into itself; nothing changes.
+  EXPECT_FALSE(table.move(4, 3, "loop"));
+  EXPECT_EQ(table.pathOf(4), "/r/c");
+
+  // Renamed over a watched folder of the same name: that one is gone.
+  table.insertChild(5, 1, "d", "/r/d", kFolder);
+  ASSERT_TRUE(table.move(4, 1, "d"));
+  EXPECT_FALSE(table.contains(5));
+  EXPECT_EQ(table.pathOf(3), "/r/d/moved/b");
+
+  // Below "/" no double slash.
+  InotifyWatchTable rootTable;
+  rootTable.insert(7, "/", kFolder);
+  rootTable.insertChild(8, 7, "home", "/home", kFolder);
+  EXPECT_EQ(rootTable.pathOf(8), "/home");
+  EXPECT_EQ(rootTable.descriptorFor("/home"), 8);
+}
+
+TEST(InotifyWatchTable, RemovalKeepsTheFoldersBelowAtTheirPaths) {
+  InotifyWatchTable table = smallTree();
+  table.erase(2);
+  EXPECT_FALSE(table.contains(2));
+  EXPECT_EQ(table.pathOf(3), "/r/a/b");
+  EXPECT_EQ(table.descriptorFor("/r/a/b"), 3);
+  EXPECT_EQ(table.descriptorFor("/r/a"), -1);
+
+  // Still part of the tree it was in, deepest first.
+  std::vector<int> below = table.subtree("/r");
+  EXPECT_EQ(std::set<int>(below.begin(), below.end()), (std::set<int>{1, 3, 4}));
+  EXPECT_EQ(below.back(), 1);
+  EXPECT_EQ(table.subtree("/r/a"), std::vector<int>{3});
+
+  table.erase(3);
+  table.erase(4);
+  table.erase(1);
+  EXPECT_TRUE(table.empty());
+  EXPECT_EQ(table.pathOf(1), "");
+}
+
+TEST(InotifyWatchTable, ReusedDescriptorsAndPathsFollowTheLatestFolder) {
+  // The folder at a path was deleted and made again: the new descriptor wins.
+  InotifyWatchTable table = smallTree();
+  table.insertChild(9, 2, "b", "/r/a/b", kFolder);
+  EXPECT_FALSE(table.contains(3));
+  EXPECT_EQ(table.descriptorFor("/r/a/b"), 9);
+
+  // The same folder under a second spelling keeps the first.
+  table.insert(1, "/elsewhere/link", kFolder);
+  EXPECT_EQ(table.pathOf(1), "/r");
+  EXPECT_EQ(table.descriptorFor("/elsewhere/link"), -1);
+
+  // An anchor that the walk of its parent reaches becomes an ordinary folder.
+  table.insert(20, "/r/c/new", kAnchor);
+  EXPECT_EQ(table.anchorDescriptors(), std::set<int>{20});
+  table.insertChild(20, 4, "new", "/r/c/new", kFolder);
+  EXPECT_TRUE(table.anchorDescriptors().empty());
+  EXPECT_EQ(table.parentDescriptor(20), 4);
+  ASSERT_TRUE(table.move(4, 1, "renamed"));
+  EXPECT_EQ(table.pathOf(20), "/r/renamed/new");
+
+  // A watched path nested in another, added first, is found either way.
+  InotifyWatchTable nested;
+  nested.insert(2, "/r/a", kFolder);
+  nested.insertChild(3, 2, "b", "/r/a/b", kFolder);
+  nested.insert(1, "/r", kFolder);
+  EXPECT_EQ(nested.descriptorFor("/r/a/b"), 3);
+  std::vector<int> below = nested.subtree("/r");
+  EXPECT_EQ(std::set<int>(below.begin(), below.end()), (std::set<int>{1, 2, 3}));
+}
+
+// Random work against a plain model of parents and names: catches an index
+// that loses or misplaces entries as it grows and shrinks.
+TEST(InotifyWatchTable, StaysRightThroughLongRandomWork) {
+  struct Entry {
+    int parent;        // -1: a top
+    std::string name;  // a top's whole path
+  };
+  std::map<int, Entry> model;
+  auto pathOf = [&](int wd) {
+    std::vector<std::string> parts;
+    for (int at = wd;; at = model.at(at).parent) {
+      parts.push_back(model.at(at).name);
+      if (model.at(at).parent < 0) break;
+    }
+    std::string path;
+    for (auto part = parts.rbegin(); part != parts.rend(); ++part) path += (path.empty() ? "" : "/") + *part;
+    return path;
+  };
+  auto eraseFromModel = [&](int wd) {
+    for (auto& [other, entry] : model)
+      if (entry.parent == wd) entry = Entry{-1, pathOf(other)};
+    model.erase(wd);
+  };
+  auto randomLive = [&](std::mt19937& random) {
+    auto it = model.begin();
+    std::advance(it, std::uniform_int_distribution<std::size_t>(0, model.size() - 1)(random));
+    return it->first;
+  };
+
+  InotifyWatchTable table;
+  table.insert(1, "/root", kFolder);
+  model[1] = Entry{-1, "/root"};
+  std::mt19937 random(20261123);
+  int nextWd = 2;
+  for (int step = 0; step < 6000; ++step) {
+    const int action = std::uniform_int_distribution<int>(0, 9)(random);
+    std::string name = "f";
+    name += std::to_string(std::uniform_int_distribution<int>(0, 30)(random));
+    if (action < 6 || model.size() < 3) {
+      const int parent = randomLive(random);
+      const std::string path = pathOf(parent) + "/" + name;
+      for (auto& [wd, entry] : std::map<int, Entry>(model))
+        if (model.count(wd) && ((entry.parent == parent && entry.name == name) || (entry.parent < 0 && entry.name == path)))
+          eraseFromModel(wd);
+      table.insertChild(nextWd, parent, name, path, kFolder);
+      model[nextWd++] = Entry{parent, name};
+    } else if (action < 8) {
+      const int wd = randomLive(random);
+      if (wd == 1) continue;
+      table.erase(wd);
+      eraseFromModel(wd);
+    } else {
+      const int wd = randomLive(random), parent = randomLive(random);
+      bool intoItself = false;
+      for (int at = parent; at >= 0 && !intoItself; at = model.at(at).parent) intoItself = at == wd;
+      ASSERT_EQ(table.move(wd, parent, name), !intoItself);
+      if (intoItself) continue;
+      const std::string path = pathOf(parent) + "/" + name;
+      for (auto& [other, entry] : std::map<int, Entry>(model))
+        if (model.count(other) && other != wd &&
+            ((entry.parent == parent && entry.name == name) || (entry.parent < 0 && entry.name == path)))
+          eraseFromModel(other);
+      model[wd] = Entry{parent, name};
+    }
+
+    if (step % 250 != 0) continue;
+    ASSERT_EQ(table.size(), model.size()) << "step " << step;
+    std::map<std::string, int> uses;
+    for (const auto& [wd, entry] : model) ++uses[pathOf(wd)];
+    for (const auto& [wd, entry] : model) {
+      const std::string path = pathOf(wd);
+      ASSERT_EQ(table.pathOf(wd), path) << "step " << step;
+      if (uses[path] == 1) {
+        ASSERT_EQ(table.descriptorFor(path), wd) << path << " at step " << step;
+      }
+    }
+  }
+}
