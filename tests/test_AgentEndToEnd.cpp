@@ -137,6 +137,9 @@ TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnEitherReload) {
   for (const char* body : {"File: a1.mov", "File: b1.mov", "File: c1.mov", "File: a3.mov"})
     EXPECT_EQ(notified(body), 1u) << body;
 
+  // Announcing renders never needed the alert toolkit, so it was never loaded.
+  EXPECT_EQ(readFile("/proc/" + std::to_string(agent.pid()) + "/maps").find("libgtk-3"), std::string::npos);
+
   int status = agent.stop(SIGTERM);
   ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
   EXPECT_EQ(WEXITSTATUS(status), 0);

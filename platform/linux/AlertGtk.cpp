@@ -1,9 +1,18 @@
 // Alerts as GTK 3 message dialogs, and the choice between a dialog and a
 // notification for each alert.
+//
+// GTK is not linked: mapping it and the score of libraries it brings costs an
+// always-running agent about 5 MB of resident pages, for alerts that come
+// rarely, if ever. It is loaded when the first alert is to be shown; without
+// it every alert becomes a notification.
+#include <dlfcn.h>
 #include <gtk/gtk.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -13,6 +22,93 @@
 namespace quillon {
 
 namespace {
+
+// Every GTK and GDK function used below, the type functions behind the
+// GTK_WINDOW() style casts included.
+#define QUILLON_GTK_FUNCTIONS(X)                                                                               \
+  X(gtk_init_check) X(gtk_widget_get_type) X(gtk_window_get_type) X(gtk_dialog_get_type) X(gtk_box_get_type)   \
+  X(gtk_button_get_type) X(gtk_toggle_button_get_type) X(gtk_message_dialog_get_type) X(gtk_message_dialog_new) \
+  X(gtk_message_dialog_format_secondary_text) X(gtk_message_dialog_get_message_area) X(gtk_window_set_title)     \
+  X(gtk_window_get_title) X(gtk_window_set_keep_above) X(gtk_window_set_urgency_hint) X(gtk_window_present)     \
+  X(gtk_window_list_toplevels) X(gtk_window_get_transient_for) X(gtk_dialog_add_button)                         \
+  X(gtk_dialog_set_default_response) X(gtk_check_button_new_with_label) X(gtk_toggle_button_set_active)         \
+  X(gtk_toggle_button_get_active) X(gtk_box_pack_end) X(gtk_button_get_label) X(gtk_widget_show)                \
+  X(gtk_widget_hide) X(gtk_widget_destroy) X(gtk_widget_get_visible) X(gtk_widget_grab_focus)                  \
+  X(gtk_widget_get_window) X(gtk_widget_translate_coordinates) X(gtk_widget_get_allocated_width)               \
+  X(gtk_widget_get_allocated_height) X(gdk_window_get_state) X(gdk_window_get_origin) X(gdk_display_get_default)
+
+struct GtkLibrary {
+#define QUILLON_GTK_POINTER(name) decltype(&::name) name = nullptr;
+  QUILLON_GTK_FUNCTIONS(QUILLON_GTK_POINTER)
+#undef QUILLON_GTK_POINTER
+};
+
+// Loaded once, on first use, from any thread; null when GTK is missing.
+std::atomic<const GtkLibrary*> gGtk{nullptr};
+
+const GtkLibrary* loadGtk() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    // Kept for the life of the process: GTK cannot be unloaded.
+    void* handle = dlopen("libgtk-3.so.0", RTLD_NOW | RTLD_LOCAL);
+    if (!handle) {
+      std::fprintf(stderr, "Quillon: alerts are shown as notifications: %s\n", dlerror());
+      return;
+    }
+    static GtkLibrary library;
+#define QUILLON_GTK_RESOLVE(name)                                                                  \
+    library.name = reinterpret_cast<decltype(&::name)>(dlsym(handle, #name));                     \
+    if (!library.name) {                                                                           \
+      std::fprintf(stderr, "Quillon: alerts are shown as notifications: GTK lacks %s\n", #name); \
+      return;                                                                                      \
+    }
+    QUILLON_GTK_FUNCTIONS(QUILLON_GTK_RESOLVE)
+#undef QUILLON_GTK_RESOLVE
+    gGtk.store(&library);
+  });
+  return gGtk.load();
+}
+
+// Past this point the GTK names call through the loaded library. Only code
+// that runs after loadGtk() succeeded reaches them.
+#define QUILLON_GTK_CALL_THROUGH(name) (gGtk.load()->name)
+#define gtk_init_check QUILLON_GTK_CALL_THROUGH(gtk_init_check)
+#define gtk_widget_get_type QUILLON_GTK_CALL_THROUGH(gtk_widget_get_type)
+#define gtk_window_get_type QUILLON_GTK_CALL_THROUGH(gtk_window_get_type)
+#define gtk_dialog_get_type QUILLON_GTK_CALL_THROUGH(gtk_dialog_get_type)
+#define gtk_box_get_type QUILLON_GTK_CALL_THROUGH(gtk_box_get_type)
+#define gtk_button_get_type QUILLON_GTK_CALL_THROUGH(gtk_button_get_type)
+#define gtk_toggle_button_get_type QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_get_type)
+#define gtk_message_dialog_get_type QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_get_type)
+#define gtk_message_dialog_new QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_new)
+#define gtk_message_dialog_format_secondary_text QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_format_secondary_text)
+#define gtk_message_dialog_get_message_area QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_get_message_area)
+#define gtk_window_set_title QUILLON_GTK_CALL_THROUGH(gtk_window_set_title)
+#define gtk_window_get_title QUILLON_GTK_CALL_THROUGH(gtk_window_get_title)
+#define gtk_window_set_keep_above QUILLON_GTK_CALL_THROUGH(gtk_window_set_keep_above)
+#define gtk_window_set_urgency_hint QUILLON_GTK_CALL_THROUGH(gtk_window_set_urgency_hint)
+#define gtk_window_present QUILLON_GTK_CALL_THROUGH(gtk_window_present)
+#define gtk_window_list_toplevels QUILLON_GTK_CALL_THROUGH(gtk_window_list_toplevels)
+#define gtk_window_get_transient_for QUILLON_GTK_CALL_THROUGH(gtk_window_get_transient_for)
+#define gtk_dialog_add_button QUILLON_GTK_CALL_THROUGH(gtk_dialog_add_button)
+#define gtk_dialog_set_default_response QUILLON_GTK_CALL_THROUGH(gtk_dialog_set_default_response)
+#define gtk_check_button_new_with_label QUILLON_GTK_CALL_THROUGH(gtk_check_button_new_with_label)
+#define gtk_toggle_button_set_active QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_set_active)
+#define gtk_toggle_button_get_active QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_get_active)
+#define gtk_box_pack_end QUILLON_GTK_CALL_THROUGH(gtk_box_pack_end)
+#define gtk_button_get_label QUILLON_GTK_CALL_THROUGH(gtk_button_get_label)
+#define gtk_widget_show QUILLON_GTK_CALL_THROUGH(gtk_widget_show)
+#define gtk_widget_hide QUILLON_GTK_CALL_THROUGH(gtk_widget_hide)
+#define gtk_widget_destroy QUILLON_GTK_CALL_THROUGH(gtk_widget_destroy)
+#define gtk_widget_get_visible QUILLON_GTK_CALL_THROUGH(gtk_widget_get_visible)
+#define gtk_widget_grab_focus QUILLON_GTK_CALL_THROUGH(gtk_widget_grab_focus)
+#define gtk_widget_get_window QUILLON_GTK_CALL_THROUGH(gtk_widget_get_window)
+#define gtk_widget_translate_coordinates QUILLON_GTK_CALL_THROUGH(gtk_widget_translate_coordinates)
+#define gtk_widget_get_allocated_width QUILLON_GTK_CALL_THROUGH(gtk_widget_get_allocated_width)
+#define gtk_widget_get_allocated_height QUILLON_GTK_CALL_THROUGH(gtk_widget_get_allocated_height)
+#define gdk_window_get_state QUILLON_GTK_CALL_THROUGH(gdk_window_get_state)
+#define gdk_window_get_origin QUILLON_GTK_CALL_THROUGH(gdk_window_get_origin)
+#define gdk_display_get_default QUILLON_GTK_CALL_THROUGH(gdk_display_get_default)
 
 constexpr const char* kWindowTitle = "Quillon";
 constexpr const char* kSuppressionLabel = "Do not show this message again";
@@ -216,7 +312,7 @@ bool displayAvailable() {
   const char* wayland = std::getenv("WAYLAND_DISPLAY");
   if (!(x11 && *x11) && !(wayland && *wayland)) return false;
   // Asked again at each alert: a display that was away may be back.
-  return gtk_init_check(nullptr, nullptr);
+  return loadGtk() && gtk_init_check(nullptr, nullptr);
 }
 
 // Chooses for each alert: a dialog when a display opens, a notification
@@ -230,11 +326,12 @@ class LinuxAlerts final : public MVAlert::Backend {
     freeStanding.parentWindow = nullptr;
     return notifications_->show(freeStanding, std::move(ended));
   }
+  // A window exists only once GTK was loaded and opened a display.
   bool hasAttachedSheet(MVWindowRef window) override {
-    return window && gdk_display_get_default() && dialogs_->hasAttachedSheet(window);
+    return window && gGtk.load() && gdk_display_get_default() && dialogs_->hasAttachedSheet(window);
   }
   void makeKeyAndOrderFront(MVWindowRef window) override {
-    if (window && gdk_display_get_default()) dialogs_->makeKeyAndOrderFront(window);
+    if (window && gGtk.load() && gdk_display_get_default()) dialogs_->makeKeyAndOrderFront(window);
   }
 
  private:
@@ -248,6 +345,7 @@ std::shared_ptr<MVAlert::Backend> createGtkAlertBackend() { return std::make_sha
 
 std::vector<ShownAlertDescription> shownGtkAlertsForTesting() {
   std::vector<ShownAlertDescription> shown;
+  if (!gGtk.load()) return shown;
   for (GtkShownAlert* alert : gShown)
     if (gtk_widget_get_visible(alert->dialog())) shown.push_back(alert->describe());
   return shown;

@@ -64,6 +64,8 @@ class Agent {
   Agent& operator=(const Agent&) = delete;
 
   bool started() const { return pid_ > 0; }
+  // The agent's own pid: the wrapper execs all the way down to it.
+  pid_t pid() const { return pid_; }
   void signal(int signo) const { kill(pid_, signo); }
 
   // Sends `signo` and waits for the end; the raw wait status, or -1.
