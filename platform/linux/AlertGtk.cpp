@@ -5,17 +5,16 @@
 // always-running agent about 5 MB of resident pages, for alerts that come
 // rarely, if ever. It is loaded when the first alert is to be shown; without
 // it every alert becomes a notification.
-#include <dlfcn.h>
 #include <gtk/gtk.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
+#include <string>
 #include <utility>
 #include <vector>
 
+#include "LazyLibrary.h"
 #include "MVRunLoop.h"
 #include "PowerAlertServices.h"
 
@@ -37,78 +36,53 @@ namespace {
   X(gtk_widget_get_window) X(gtk_widget_translate_coordinates) X(gtk_widget_get_allocated_width)               \
   X(gtk_widget_get_allocated_height) X(gdk_window_get_state) X(gdk_window_get_origin) X(gdk_display_get_default)
 
-struct GtkLibrary {
-#define QUILLON_GTK_POINTER(name) decltype(&::name) name = nullptr;
-  QUILLON_GTK_FUNCTIONS(QUILLON_GTK_POINTER)
-#undef QUILLON_GTK_POINTER
-};
+QUILLON_LAZY_FUNCTIONS(GtkFunctions, QUILLON_GTK_FUNCTIONS);
 
-// Loaded once, on first use, from any thread; null when GTK is missing.
-std::atomic<const GtkLibrary*> gGtk{nullptr};
-
-const GtkLibrary* loadGtk() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    // Kept for the life of the process: GTK cannot be unloaded.
-    void* handle = dlopen("libgtk-3.so.0", RTLD_NOW | RTLD_LOCAL);
-    if (!handle) {
-      std::fprintf(stderr, "Quillon: alerts are shown as notifications: %s\n", dlerror());
-      return;
-    }
-    static GtkLibrary library;
-#define QUILLON_GTK_RESOLVE(name)                                                                  \
-    library.name = reinterpret_cast<decltype(&::name)>(dlsym(handle, #name));                     \
-    if (!library.name) {                                                                           \
-      std::fprintf(stderr, "Quillon: alerts are shown as notifications: GTK lacks %s\n", #name); \
-      return;                                                                                      \
-    }
-    QUILLON_GTK_FUNCTIONS(QUILLON_GTK_RESOLVE)
-#undef QUILLON_GTK_RESOLVE
-    gGtk.store(&library);
-  });
-  return gGtk.load();
+void reportGtkMissing(const std::string& reason) {
+  std::fprintf(stderr, "Quillon: alerts are shown as notifications: %s\n", reason.c_str());
 }
 
+constinit LazyLibrary<GtkFunctions> gGtk("libgtk-3.so.0", &reportGtkMissing);
+
 // Past this point the GTK names call through the loaded library. Only code
-// that runs after loadGtk() succeeded reaches them.
-#define QUILLON_GTK_CALL_THROUGH(name) (gGtk.load()->name)
-#define gtk_init_check QUILLON_GTK_CALL_THROUGH(gtk_init_check)
-#define gtk_widget_get_type QUILLON_GTK_CALL_THROUGH(gtk_widget_get_type)
-#define gtk_window_get_type QUILLON_GTK_CALL_THROUGH(gtk_window_get_type)
-#define gtk_dialog_get_type QUILLON_GTK_CALL_THROUGH(gtk_dialog_get_type)
-#define gtk_box_get_type QUILLON_GTK_CALL_THROUGH(gtk_box_get_type)
-#define gtk_button_get_type QUILLON_GTK_CALL_THROUGH(gtk_button_get_type)
-#define gtk_toggle_button_get_type QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_get_type)
-#define gtk_message_dialog_get_type QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_get_type)
-#define gtk_message_dialog_new QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_new)
-#define gtk_message_dialog_format_secondary_text QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_format_secondary_text)
-#define gtk_message_dialog_get_message_area QUILLON_GTK_CALL_THROUGH(gtk_message_dialog_get_message_area)
-#define gtk_window_set_title QUILLON_GTK_CALL_THROUGH(gtk_window_set_title)
-#define gtk_window_get_title QUILLON_GTK_CALL_THROUGH(gtk_window_get_title)
-#define gtk_window_set_keep_above QUILLON_GTK_CALL_THROUGH(gtk_window_set_keep_above)
-#define gtk_window_set_urgency_hint QUILLON_GTK_CALL_THROUGH(gtk_window_set_urgency_hint)
-#define gtk_window_present QUILLON_GTK_CALL_THROUGH(gtk_window_present)
-#define gtk_window_list_toplevels QUILLON_GTK_CALL_THROUGH(gtk_window_list_toplevels)
-#define gtk_window_get_transient_for QUILLON_GTK_CALL_THROUGH(gtk_window_get_transient_for)
-#define gtk_dialog_add_button QUILLON_GTK_CALL_THROUGH(gtk_dialog_add_button)
-#define gtk_dialog_set_default_response QUILLON_GTK_CALL_THROUGH(gtk_dialog_set_default_response)
-#define gtk_check_button_new_with_label QUILLON_GTK_CALL_THROUGH(gtk_check_button_new_with_label)
-#define gtk_toggle_button_set_active QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_set_active)
-#define gtk_toggle_button_get_active QUILLON_GTK_CALL_THROUGH(gtk_toggle_button_get_active)
-#define gtk_box_pack_end QUILLON_GTK_CALL_THROUGH(gtk_box_pack_end)
-#define gtk_button_get_label QUILLON_GTK_CALL_THROUGH(gtk_button_get_label)
-#define gtk_widget_show QUILLON_GTK_CALL_THROUGH(gtk_widget_show)
-#define gtk_widget_hide QUILLON_GTK_CALL_THROUGH(gtk_widget_hide)
-#define gtk_widget_destroy QUILLON_GTK_CALL_THROUGH(gtk_widget_destroy)
-#define gtk_widget_get_visible QUILLON_GTK_CALL_THROUGH(gtk_widget_get_visible)
-#define gtk_widget_grab_focus QUILLON_GTK_CALL_THROUGH(gtk_widget_grab_focus)
-#define gtk_widget_get_window QUILLON_GTK_CALL_THROUGH(gtk_widget_get_window)
-#define gtk_widget_translate_coordinates QUILLON_GTK_CALL_THROUGH(gtk_widget_translate_coordinates)
-#define gtk_widget_get_allocated_width QUILLON_GTK_CALL_THROUGH(gtk_widget_get_allocated_width)
-#define gtk_widget_get_allocated_height QUILLON_GTK_CALL_THROUGH(gtk_widget_get_allocated_height)
-#define gdk_window_get_state QUILLON_GTK_CALL_THROUGH(gdk_window_get_state)
-#define gdk_window_get_origin QUILLON_GTK_CALL_THROUGH(gdk_window_get_origin)
-#define gdk_display_get_default QUILLON_GTK_CALL_THROUGH(gdk_display_get_default)
+// that runs after gGtk.load() succeeded reaches them.
+#define gtk_init_check QUILLON_LAZY_CALL(gGtk, gtk_init_check)
+#define gtk_widget_get_type QUILLON_LAZY_CALL(gGtk, gtk_widget_get_type)
+#define gtk_window_get_type QUILLON_LAZY_CALL(gGtk, gtk_window_get_type)
+#define gtk_dialog_get_type QUILLON_LAZY_CALL(gGtk, gtk_dialog_get_type)
+#define gtk_box_get_type QUILLON_LAZY_CALL(gGtk, gtk_box_get_type)
+#define gtk_button_get_type QUILLON_LAZY_CALL(gGtk, gtk_button_get_type)
+#define gtk_toggle_button_get_type QUILLON_LAZY_CALL(gGtk, gtk_toggle_button_get_type)
+#define gtk_message_dialog_get_type QUILLON_LAZY_CALL(gGtk, gtk_message_dialog_get_type)
+#define gtk_message_dialog_new QUILLON_LAZY_CALL(gGtk, gtk_message_dialog_new)
+#define gtk_message_dialog_format_secondary_text QUILLON_LAZY_CALL(gGtk, gtk_message_dialog_format_secondary_text)
+#define gtk_message_dialog_get_message_area QUILLON_LAZY_CALL(gGtk, gtk_message_dialog_get_message_area)
+#define gtk_window_set_title QUILLON_LAZY_CALL(gGtk, gtk_window_set_title)
+#define gtk_window_get_title QUILLON_LAZY_CALL(gGtk, gtk_window_get_title)
+#define gtk_window_set_keep_above QUILLON_LAZY_CALL(gGtk, gtk_window_set_keep_above)
+#define gtk_window_set_urgency_hint QUILLON_LAZY_CALL(gGtk, gtk_window_set_urgency_hint)
+#define gtk_window_present QUILLON_LAZY_CALL(gGtk, gtk_window_present)
+#define gtk_window_list_toplevels QUILLON_LAZY_CALL(gGtk, gtk_window_list_toplevels)
+#define gtk_window_get_transient_for QUILLON_LAZY_CALL(gGtk, gtk_window_get_transient_for)
+#define gtk_dialog_add_button QUILLON_LAZY_CALL(gGtk, gtk_dialog_add_button)
+#define gtk_dialog_set_default_response QUILLON_LAZY_CALL(gGtk, gtk_dialog_set_default_response)
+#define gtk_check_button_new_with_label QUILLON_LAZY_CALL(gGtk, gtk_check_button_new_with_label)
+#define gtk_toggle_button_set_active QUILLON_LAZY_CALL(gGtk, gtk_toggle_button_set_active)
+#define gtk_toggle_button_get_active QUILLON_LAZY_CALL(gGtk, gtk_toggle_button_get_active)
+#define gtk_box_pack_end QUILLON_LAZY_CALL(gGtk, gtk_box_pack_end)
+#define gtk_button_get_label QUILLON_LAZY_CALL(gGtk, gtk_button_get_label)
+#define gtk_widget_show QUILLON_LAZY_CALL(gGtk, gtk_widget_show)
+#define gtk_widget_hide QUILLON_LAZY_CALL(gGtk, gtk_widget_hide)
+#define gtk_widget_destroy QUILLON_LAZY_CALL(gGtk, gtk_widget_destroy)
+#define gtk_widget_get_visible QUILLON_LAZY_CALL(gGtk, gtk_widget_get_visible)
+#define gtk_widget_grab_focus QUILLON_LAZY_CALL(gGtk, gtk_widget_grab_focus)
+#define gtk_widget_get_window QUILLON_LAZY_CALL(gGtk, gtk_widget_get_window)
+#define gtk_widget_translate_coordinates QUILLON_LAZY_CALL(gGtk, gtk_widget_translate_coordinates)
+#define gtk_widget_get_allocated_width QUILLON_LAZY_CALL(gGtk, gtk_widget_get_allocated_width)
+#define gtk_widget_get_allocated_height QUILLON_LAZY_CALL(gGtk, gtk_widget_get_allocated_height)
+#define gdk_window_get_state QUILLON_LAZY_CALL(gGtk, gdk_window_get_state)
+#define gdk_window_get_origin QUILLON_LAZY_CALL(gGtk, gdk_window_get_origin)
+#define gdk_display_get_default QUILLON_LAZY_CALL(gGtk, gdk_display_get_default)
 
 constexpr const char* kWindowTitle = "Quillon";
 constexpr const char* kSuppressionLabel = "Do not show this message again";
@@ -312,7 +286,7 @@ bool displayAvailable() {
   const char* wayland = std::getenv("WAYLAND_DISPLAY");
   if (!(x11 && *x11) && !(wayland && *wayland)) return false;
   // Asked again at each alert: a display that was away may be back.
-  return loadGtk() && gtk_init_check(nullptr, nullptr);
+  return gGtk.load() && gtk_init_check(nullptr, nullptr);
 }
 
 // Chooses for each alert: a dialog when a display opens, a notification
@@ -328,10 +302,10 @@ class LinuxAlerts final : public MVAlert::Backend {
   }
   // A window exists only once GTK was loaded and opened a display.
   bool hasAttachedSheet(MVWindowRef window) override {
-    return window && gGtk.load() && gdk_display_get_default() && dialogs_->hasAttachedSheet(window);
+    return window && gGtk.loaded() && gdk_display_get_default() && dialogs_->hasAttachedSheet(window);
   }
   void makeKeyAndOrderFront(MVWindowRef window) override {
-    if (window && gGtk.load() && gdk_display_get_default()) dialogs_->makeKeyAndOrderFront(window);
+    if (window && gGtk.loaded() && gdk_display_get_default()) dialogs_->makeKeyAndOrderFront(window);
   }
 
  private:
@@ -345,7 +319,7 @@ std::shared_ptr<MVAlert::Backend> createGtkAlertBackend() { return std::make_sha
 
 std::vector<ShownAlertDescription> shownGtkAlertsForTesting() {
   std::vector<ShownAlertDescription> shown;
-  if (!gGtk.load()) return shown;
+  if (!gGtk.loaded()) return shown;
   for (GtkShownAlert* alert : gShown)
     if (gtk_widget_get_visible(alert->dialog())) shown.push_back(alert->describe());
   return shown;

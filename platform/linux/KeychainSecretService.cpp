@@ -1,3 +1,8 @@
+// The keychain as items of the Secret Service, through libsecret.
+//
+// libsecret is loaded when the keychain is first used, not linked: the agent
+// reads a password only when it sends mail. Without the library the keychain
+// fails as it does when no Secret Service can be reached.
 #include "KeychainSecretService.h"
 
 #include <libsecret/secret.h>
@@ -10,6 +15,8 @@
 #include <string>
 #include <utility>
 
+#include "LazyLibrary.h"
+
 namespace quillon {
 namespace {
 
@@ -17,6 +24,51 @@ constexpr MVKeychainStatus errSecNoSuchAttr = -25303;
 constexpr MVKeychainStatus errSecNoDefaultKeychain = -25307;
 constexpr const char* kSchemaName = "com.morvane.Keychain.GenericPassword";
 constexpr const char* kSecretContentType = "text/plain";
+// The attributes that identify one of our items.
+constexpr const char* kItemAttributes[] = {"acct", "desc", "labl", "svce"};
+constexpr const char* kCannotReachService =
+    "cannot reach the Secret Service (a session bus with a keyring such as gnome-keyring is needed)";
+
+// ---- libsecret, loaded on first use ----
+
+// Every libsecret function used below, the one behind SECRET_ERROR included.
+// GLib and GIO stay linked: the rest of the agent needs them anyway.
+#define QUILLON_SECRET_FUNCTIONS(X)                                                                     \
+  X(secret_error_get_quark) X(secret_service_get_sync) X(secret_service_disconnect)                   \
+  X(secret_service_search_sync) X(secret_collection_for_alias_sync) X(secret_item_create_sync)        \
+  X(secret_item_load_secret_sync) X(secret_item_get_secret) X(secret_item_set_secret_sync)            \
+  X(secret_item_delete_sync) X(secret_item_get_attributes) X(secret_item_get_label)                   \
+  X(secret_item_get_created) X(secret_item_get_modified) X(secret_value_new) X(secret_value_get)      \
+  X(secret_value_unref)
+
+QUILLON_LAZY_FUNCTIONS(SecretFunctions, QUILLON_SECRET_FUNCTIONS);
+
+void reportSecretMissing(const std::string& reason) {
+  std::fprintf(stderr, "MVKeychain: %s: %s\n", kCannotReachService, reason.c_str());
+  std::fflush(stderr);
+}
+
+constinit LazyLibrary<SecretFunctions> gSecret("libsecret-1.so.0", &reportSecretMissing);
+
+// Past this point the libsecret names call through the loaded library. Only
+// code that runs after gSecret.load() succeeded reaches them.
+#define secret_error_get_quark QUILLON_LAZY_CALL(gSecret, secret_error_get_quark)
+#define secret_service_get_sync QUILLON_LAZY_CALL(gSecret, secret_service_get_sync)
+#define secret_service_disconnect QUILLON_LAZY_CALL(gSecret, secret_service_disconnect)
+#define secret_service_search_sync QUILLON_LAZY_CALL(gSecret, secret_service_search_sync)
+#define secret_collection_for_alias_sync QUILLON_LAZY_CALL(gSecret, secret_collection_for_alias_sync)
+#define secret_item_create_sync QUILLON_LAZY_CALL(gSecret, secret_item_create_sync)
+#define secret_item_load_secret_sync QUILLON_LAZY_CALL(gSecret, secret_item_load_secret_sync)
+#define secret_item_get_secret QUILLON_LAZY_CALL(gSecret, secret_item_get_secret)
+#define secret_item_set_secret_sync QUILLON_LAZY_CALL(gSecret, secret_item_set_secret_sync)
+#define secret_item_delete_sync QUILLON_LAZY_CALL(gSecret, secret_item_delete_sync)
+#define secret_item_get_attributes QUILLON_LAZY_CALL(gSecret, secret_item_get_attributes)
+#define secret_item_get_label QUILLON_LAZY_CALL(gSecret, secret_item_get_label)
+#define secret_item_get_created QUILLON_LAZY_CALL(gSecret, secret_item_get_created)
+#define secret_item_get_modified QUILLON_LAZY_CALL(gSecret, secret_item_get_modified)
+#define secret_value_new QUILLON_LAZY_CALL(gSecret, secret_value_new)
+#define secret_value_get QUILLON_LAZY_CALL(gSecret, secret_value_get)
+#define secret_value_unref QUILLON_LAZY_CALL(gSecret, secret_value_unref)
 
 // ---- RAII for the GLib and libsecret objects used here ----
 
@@ -40,11 +92,6 @@ struct SecretValueUnref {
   void operator()(SecretValue* value) const { secret_value_unref(value); }
 };
 using SecretValuePtr = std::unique_ptr<SecretValue, SecretValueUnref>;
-
-struct SecretSchemaUnref {
-  void operator()(SecretSchema* schema) const { secret_schema_unref(schema); }
-};
-using SecretSchemaPtr = std::unique_ptr<SecretSchema, SecretSchemaUnref>;
 
 struct GFree {
   void operator()(gpointer memory) const { g_free(memory); }
@@ -154,13 +201,29 @@ std::optional<std::string> lookupAttribute(GHashTable* attributes, const char* n
   return std::string(value);
 }
 
+// The Secret Service, null when it cannot be reached. Every use of the
+// keychain starts here, so this is where libsecret is loaded.
 GObjectPtr<SecretService> connectToService() {
+  if (!gSecret.load()) return nullptr;
   ErrorSlot error;
   GObjectPtr<SecretService> service(secret_service_get_sync(SECRET_SERVICE_OPEN_SESSION, nullptr, error.out()));
-  if (!service)
-    reportFailure("cannot reach the Secret Service (a session bus with a keyring such as gnome-keyring is needed)",
-                  error.take().get());
+  if (!service) reportFailure(kCannotReachService, error.take().get());
   return service;
+}
+
+// Our items' schema. A static one, as libsecret allows, rather than one from
+// secret_schema_new(): it exists before libsecret is loaded, and the
+// identifying attributes are fixed.
+const SecretSchema* itemSchema() {
+  static const SecretSchema schema = [] {
+    SecretSchema made{};
+    made.name = kSchemaName;
+    made.flags = SECRET_SCHEMA_DONT_MATCH_NAME;
+    int index = 0;
+    for (const char* name : kItemAttributes) made.attributes[index++] = {name, SECRET_SCHEMA_ATTRIBUTE_STRING};
+    return made;
+  }();
+  return &schema;
 }
 
 // ---- one stored item ----
@@ -244,18 +307,13 @@ class SecretServiceItem final : public MVKeychainItem {
 
 class SecretServiceKeychain final : public MVKeychainBackend {
  public:
-  SecretServiceKeychain()
-      : schema_(secret_schema_new(kSchemaName, SECRET_SCHEMA_DONT_MATCH_NAME,  //
-                                  "acct", SECRET_SCHEMA_ATTRIBUTE_STRING,      //
-                                  "desc", SECRET_SCHEMA_ATTRIBUTE_STRING,      //
-                                  "labl", SECRET_SCHEMA_ATTRIBUTE_STRING,      //
-                                  "svce", SECRET_SCHEMA_ATTRIBUTE_STRING,      //
-                                  nullptr)) {}
+  SecretServiceKeychain() = default;
 
   ~SecretServiceKeychain() override {
     // Drops the shared connection, so that the session bus may go away
     // (at log-out, or at the end of a test) without taking this process along.
-    secret_service_disconnect();
+    // Without libsecret loaded there is none.
+    if (gSecret.loaded()) secret_service_disconnect();
   }
 
   SecretServiceKeychain(const SecretServiceKeychain&) = delete;
@@ -270,7 +328,7 @@ class SecretServiceKeychain final : public MVKeychainBackend {
     if (!service) return errSecNotAvailable;
 
     ErrorSlot error;
-    GList* found = secret_service_search_sync(service.get(), schema_.get(), table.get(),
+    GList* found = secret_service_search_sync(service.get(), itemSchema(), table.get(),
                                               static_cast<SecretSearchFlags>(SECRET_SEARCH_ALL | SECRET_SEARCH_UNLOCK),
                                               nullptr, error.out());
     GErrorPtr failure = error.take();
@@ -319,7 +377,7 @@ class SecretServiceKeychain final : public MVKeychainBackend {
     SecretValuePtr value(secret_value_new(password.data(), static_cast<gssize>(password.size()), kSecretContentType));
     // Never "replace": the service would overwrite any item whose attributes
     // include these, such as the same account's item for another host.
-    GObjectPtr<SecretItem> created(secret_item_create_sync(collection.get(), schema_.get(), table.get(),
+    GObjectPtr<SecretItem> created(secret_item_create_sync(collection.get(), itemSchema(), table.get(),
                                                            visibleName.c_str(), value.get(), SECRET_ITEM_CREATE_NONE,
                                                            nullptr, error.out()));
     failure = error.take();
@@ -354,15 +412,13 @@ class SecretServiceKeychain final : public MVKeychainBackend {
   // True when the item carries the same identifying attributes, no more and no fewer.
   static bool hasExactly(const SecretServiceItem& item, GHashTable* wanted) {
     GHashTablePtr stored(secret_item_get_attributes(item.get()));
-    for (const char* name : {"acct", "desc", "labl", "svce"}) {
+    for (const char* name : kItemAttributes) {
       auto mine = lookupAttribute(wanted, name);
       auto theirs = lookupAttribute(stored.get(), name);
       if (mine != theirs) return false;
     }
     return true;
   }
-
-  SecretSchemaPtr schema_;
 };
 
 }  // namespace

@@ -1,4 +1,7 @@
 // System sounds through libcanberra and the freedesktop sound theme.
+//
+// libcanberra is loaded when the first sound is to play, not linked: it
+// brings its own set of libraries, and many users never turn a sound on.
 #include <canberra.h>
 
 #include <map>
@@ -7,6 +10,7 @@
 
 #include "DesktopGLib.h"
 #include "DesktopServices.h"
+#include "LazyLibrary.h"
 #include "MVLog.h"
 #include "MVRunLoop.h"
 #include "MVSound.h"
@@ -14,6 +18,27 @@
 namespace quillon::desktop {
 
 namespace {
+
+#define QUILLON_CANBERRA_FUNCTIONS(X)                                                                 \
+  X(ca_context_create) X(ca_context_destroy) X(ca_context_change_props) X(ca_context_play_full)     \
+  X(ca_proplist_create) X(ca_proplist_destroy) X(ca_proplist_sets) X(ca_strerror)
+
+QUILLON_LAZY_FUNCTIONS(CanberraFunctions, QUILLON_CANBERRA_FUNCTIONS);
+
+void reportCanberraMissing(const std::string& reason) { MVLog::appendLog("Could not play sound: %s", reason); }
+
+constinit LazyLibrary<CanberraFunctions> gCanberra("libcanberra.so.0", &reportCanberraMissing);
+
+// Past this point the libcanberra names call through the loaded library.
+// Only code that runs after gCanberra.load() succeeded reaches them.
+#define ca_context_create QUILLON_LAZY_CALL(gCanberra, ca_context_create)
+#define ca_context_destroy QUILLON_LAZY_CALL(gCanberra, ca_context_destroy)
+#define ca_context_change_props QUILLON_LAZY_CALL(gCanberra, ca_context_change_props)
+#define ca_context_play_full QUILLON_LAZY_CALL(gCanberra, ca_context_play_full)
+#define ca_proplist_create QUILLON_LAZY_CALL(gCanberra, ca_proplist_create)
+#define ca_proplist_destroy QUILLON_LAZY_CALL(gCanberra, ca_proplist_destroy)
+#define ca_proplist_sets QUILLON_LAZY_CALL(gCanberra, ca_proplist_sets)
+#define ca_strerror QUILLON_LAZY_CALL(gCanberra, ca_strerror)
 
 struct ContextDestroy {
   void operator()(ca_context* c) const { ca_context_destroy(c); }
@@ -59,6 +84,11 @@ class CanberraSounds final : public MVSound::Backend, public std::enable_shared_
  private:
   // Main thread.
   void start(const std::string& name, MVSound::Completion onFinished) {
+    // Without the library, the loader has said why, once.
+    if (!gCanberra.load()) {
+      notPlayed(std::move(onFinished));
+      return;
+    }
     if (!context_) {
       ca_context* made = nullptr;
       if (int rc = ca_context_create(&made); rc != CA_SUCCESS) {
@@ -99,6 +129,10 @@ class CanberraSounds final : public MVSound::Backend, public std::enable_shared_
 
   void fail(int rc, MVSound::Completion onFinished) {
     if (loggedErrors_.insert(rc).second) MVLog::appendLog("Could not play sound: %s", ca_strerror(rc));
+    notPlayed(std::move(onFinished));
+  }
+
+  static void notPlayed(MVSound::Completion onFinished) {
     MVRunLoop::main().performOnMainThread([onFinished] { onFinished(false); }, false);
   }
 

@@ -1,7 +1,12 @@
 // The frontmost application under X11, from the window manager's hints.
+//
+// Xlib is loaded when the frontmost application is first asked for, not
+// linked: an agent that never asks need not keep it mapped. Without it the
+// answer is "unknown", as when no display opens.
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
@@ -9,10 +14,34 @@
 #include <string>
 
 #include "DesktopServices.h"
+#include "LazyLibrary.h"
 
 namespace quillon::desktop {
 
 namespace {
+
+#define QUILLON_X11_FUNCTIONS(X)                                                                      \
+  X(XOpenDisplay) X(XCloseDisplay) X(XFree) X(XGetClassHint) X(XGetWindowProperty) X(XInternAtom) \
+  X(XSetErrorHandler) X(XSync)
+
+QUILLON_LAZY_FUNCTIONS(X11Functions, QUILLON_X11_FUNCTIONS);
+
+void reportX11Missing(const std::string& reason) {
+  std::fprintf(stderr, "Quillon: the frontmost application is unknown: %s\n", reason.c_str());
+}
+
+constinit LazyLibrary<X11Functions> gX11("libX11.so.6", &reportX11Missing);
+
+// Past this point the Xlib names call through the loaded library. Only code
+// that runs after gX11.load() succeeded reaches them.
+#define XOpenDisplay QUILLON_LAZY_CALL(gX11, XOpenDisplay)
+#define XCloseDisplay QUILLON_LAZY_CALL(gX11, XCloseDisplay)
+#define XFree QUILLON_LAZY_CALL(gX11, XFree)
+#define XGetClassHint QUILLON_LAZY_CALL(gX11, XGetClassHint)
+#define XGetWindowProperty QUILLON_LAZY_CALL(gX11, XGetWindowProperty)
+#define XInternAtom QUILLON_LAZY_CALL(gX11, XInternAtom)
+#define XSetErrorHandler QUILLON_LAZY_CALL(gX11, XSetErrorHandler)
+#define XSync QUILLON_LAZY_CALL(gX11, XSync)
 
 struct DisplayClose {
   void operator()(Display* d) const { XCloseDisplay(d); }
@@ -89,7 +118,7 @@ std::string x11FrontmostApplicationName() {
   // be wrong whenever a native application is in front.
   if (isWaylandSession()) return {};
   const char* name = std::getenv("DISPLAY");
-  if (!name || !*name) return {};
+  if (!name || !*name || !gX11.load()) return {};
   std::unique_ptr<Display, DisplayClose> display(XOpenDisplay(name));
   if (!display) return {};
 
