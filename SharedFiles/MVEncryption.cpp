@@ -1,12 +1,11 @@
 #include "MVEncryption.h"
 
-#include <openssl/crypto.h>
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <cstring>
 
 #include "MVLog.h"
+#include "MVOpenSSL.h"
 
 namespace {
 
@@ -31,7 +30,7 @@ template <typename Buffer>
 class WipeOnExit {
  public:
   explicit WipeOnExit(Buffer& buffer) : buffer_(buffer) {}
-  ~WipeOnExit() { OPENSSL_cleanse(buffer_.data(), buffer_.size()); }
+  ~WipeOnExit() { MVWipeMemory(buffer_.data(), buffer_.size()); }
   WipeOnExit(const WipeOnExit&) = delete;
   WipeOnExit& operator=(const WipeOnExit&) = delete;
 
@@ -58,7 +57,7 @@ bool runBlock(EVP_CIPHER_CTX* cipher, const std::uint8_t* in, std::uint8_t* out)
   bool ok = EVP_CipherUpdate(cipher, block, &produced, in, static_cast<int>(sizeof block)) == 1 &&
             produced == static_cast<int>(sizeof block);
   if (ok) std::memcpy(out, block, sizeof block);
-  OPENSSL_cleanse(block, sizeof block);
+  MVWipeMemory(block, sizeof block);
   return ok;
 }
 
@@ -70,6 +69,7 @@ int MVAESKeySchedule::setup(std::span<const std::uint8_t> key, int keyBits, bool
   rounds_ = 0;
   encrypts_ = encrypt;
   context_.reset();
+  if (!MVLoadOpenSSL()) return 0;
   const EVP_CIPHER* cipher = ecbCipherForKeyBits(keyBits);
   if (!cipher || key.size() < static_cast<std::size_t>(keyBits / 8)) return 0;
   auto made = std::make_unique<Context>();

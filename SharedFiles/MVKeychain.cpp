@@ -1,8 +1,5 @@
 #include "MVKeychain.h"
 
-#include <openssl/crypto.h>
-#include <openssl/objects.h>
-#include <openssl/x509.h>
 
 #include <algorithm>
 #include <atomic>
@@ -12,6 +9,7 @@
 
 #include "MVFormat.h"
 #include "MVPlistValue.h"
+#include "MVOpenSSL.h"
 
 namespace {
 
@@ -46,7 +44,7 @@ int shortStatus(MVKeychainStatus status) { return static_cast<std::int16_t>(stat
 class WipedString {
  public:
   explicit WipedString(std::string value) : value_(std::move(value)) {}
-  ~WipedString() { OPENSSL_cleanse(value_.data(), value_.size()); }
+  ~WipedString() { MVWipeMemory(value_.data(), value_.size()); }
   WipedString(const WipedString&) = delete;
   WipedString& operator=(const WipedString&) = delete;
   std::string& get() { return value_; }
@@ -122,10 +120,15 @@ void dropCutCharacter(std::string& bytes) {
   }
 }
 
+struct CertificateFree {
+  void operator()(X509* certificate) const { X509_free(certificate); }
+};
+
 std::optional<std::string> commonNameOfCertificate(const std::vector<std::uint8_t>& der, bool& parsed) {
+  parsed = false;
+  if (!MVLoadOpenSSL()) return std::nullopt;
   const unsigned char* cursor = der.data();
-  std::unique_ptr<X509, decltype(&X509_free)> certificate(
-      d2i_X509(nullptr, &cursor, static_cast<long>(der.size())), &X509_free);
+  std::unique_ptr<X509, CertificateFree> certificate(d2i_X509(nullptr, &cursor, static_cast<long>(der.size())));
   parsed = certificate != nullptr;
   if (!certificate) return std::nullopt;
   X509_NAME* subject = X509_get_subject_name(certificate.get());
@@ -209,7 +212,7 @@ std::optional<std::string> MVKeychain::getPasswordFromSecKeychainItemRef(const M
   std::string password = stored.get().substr(0, std::min(kPasswordReadLimit, stored.get().find('\0')));
   dropCutCharacter(password);
   if (!isValidUTF8(password)) {
-    OPENSSL_cleanse(password.data(), password.size());
+    MVWipeMemory(password.data(), password.size());
     consoleLine(stderr, "MVKeychain: the stored password is not UTF-8 text");
     return std::nullopt;
   }

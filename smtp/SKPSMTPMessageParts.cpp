@@ -3,7 +3,7 @@
 #include <clocale>
 #include <ctime>
 #include <locale.h>
-#include <openssl/rand.h>
+#include <sys/random.h>
 
 #include <cstdio>
 #include <memory>
@@ -51,7 +51,9 @@ std::string currentDateText() {
 // A random (version 4) UUID in upper-case hex, without hyphens.
 std::string newMessageIdentifier() {
   unsigned char bytes[16];
-  if (RAND_bytes(bytes, sizeof bytes) != 1) {
+  // The kernel's generator: the identifier only has to be unique, and the
+  // crypto library need not be loaded for it.
+  if (getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
     std::random_device device;
     for (auto& b : bytes) b = static_cast<unsigned char>(device());
   }

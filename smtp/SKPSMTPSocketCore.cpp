@@ -2,14 +2,13 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
-#include <openssl/err.h>
-#include <openssl/x509v3.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstring>
 
 #include "MVFormat.h"
+#include "MVOpenSSL.h"
 
 namespace {
 
@@ -161,8 +160,17 @@ long SKPSMTPSocketCore::write(const std::uint8_t* bytes, std::size_t length) {
 bool SKPSMTPSocketCore::startTLS(const SKPSMTPTLSSettings& settings) {
   if (phase_ != Phase::Open) return false;
   if (ssl_) return true;
+  // Without TLS nothing more may be sent: the next command would carry the
+  // credentials in plain text. Failing the connection reports it instead.
+  if (!MVLoadOpenSSL()) {
+    fail({"OpenSSLErrorDomain", 0, "TLS failure: the OpenSSL library cannot be loaded", ""});
+    return false;
+  }
   ctx_.reset(SSL_CTX_new(TLS_client_method()));
-  if (!ctx_) return false;
+  if (!ctx_) {
+    fail(tlsError(SSL_ERROR_SSL));
+    return false;
+  }
   SSL_CTX_set_min_proto_version(ctx_.get(), TLS1_2_VERSION);
   // A peer that closes without close_notify is an ordinary end of stream here.
   SSL_CTX_set_options(ctx_.get(), SSL_OP_IGNORE_UNEXPECTED_EOF);
@@ -175,6 +183,7 @@ bool SKPSMTPSocketCore::startTLS(const SKPSMTPTLSSettings& settings) {
   ssl_.reset(SSL_new(ctx_.get()));
   BIO* bio = ssl_ ? BIO_new(quietSocketMethod()) : nullptr;
   if (!bio) {
+    fail(tlsError(SSL_ERROR_SSL));
     ssl_.reset();
     return false;
   }

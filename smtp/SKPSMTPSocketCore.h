@@ -2,7 +2,6 @@
 // upgrade and event delivery. Internal to the stream layer (SKPSMTPStreams).
 #pragma once
 
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +12,7 @@
 
 #include "MVRunLoop.h"
 #include "SKPSMTPStreams.h"
+#include "MVOpenSSL.h"
 
 // The socket behind a stream pair, its connection progress and its TLS state.
 // Lives on the main thread; callbacks from the loop and the resolver hold it
