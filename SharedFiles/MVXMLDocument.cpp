@@ -15,6 +15,63 @@
 #include <iterator>
 #include <mutex>
 
+#include "LazyLibrary.h"
+#include "MVLog.h"
+
+namespace {
+
+// libxml2 (and the ICU it brings) is loaded when the first document is
+// parsed: only the Compressor and Premiere watchers read XML, and an agent
+// that never meets either should not carry it.
+#define MV_LIBXML_FUNCTIONS(X) \
+  X(__xmlStructuredError) X(__xmlStructuredErrorContext) X(xmlAddChild) X(xmlBufferContent) \
+  X(xmlBufferCreate) X(xmlBufferFree) X(xmlBufferLength) X(xmlCheckUTF8) X(xmlCtxtReadMemory) \
+  X(xmlDocDumpFormatMemoryEnc) X(xmlDocDumpMemoryEnc) X(xmlDocGetRootElement) X(xmlFree) X(xmlFreeDoc) \
+  X(xmlFreeNode) X(xmlFreeParserCtxt) X(xmlInitParser) X(xmlNewDocText) X(xmlNewParserCtxt) X(xmlNodeDump) \
+  X(xmlNodeGetContent) X(xmlNodeSetContent) X(xmlSetNsProp) X(xmlSetStructuredErrorFunc) X(xmlUnlinkNode) \
+  X(xmlXPathEval) X(xmlXPathFreeContext) X(xmlXPathFreeObject) X(xmlXPathNewContext)
+
+QUILLON_LAZY_FUNCTIONS(LibXMLFunctions, MV_LIBXML_FUNCTIONS);
+
+void reportLibXMLMissing(const std::string& reason) { MVLog::appendLog("XML cannot be read: %s", reason); }
+
+constinit quillon::LazyLibrary<LibXMLFunctions> gLibXML("libxml2.so.2", &reportLibXMLMissing);
+
+// Past this point the library's names call through the loaded library; a
+// document exists only once it was loaded.
+#define __xmlStructuredError QUILLON_LAZY_CALL(gLibXML, __xmlStructuredError)
+#define __xmlStructuredErrorContext QUILLON_LAZY_CALL(gLibXML, __xmlStructuredErrorContext)
+#define xmlAddChild QUILLON_LAZY_CALL(gLibXML, xmlAddChild)
+#define xmlBufferContent QUILLON_LAZY_CALL(gLibXML, xmlBufferContent)
+#define xmlBufferCreate QUILLON_LAZY_CALL(gLibXML, xmlBufferCreate)
+#define xmlBufferFree QUILLON_LAZY_CALL(gLibXML, xmlBufferFree)
+#define xmlBufferLength QUILLON_LAZY_CALL(gLibXML, xmlBufferLength)
+#define xmlCheckUTF8 QUILLON_LAZY_CALL(gLibXML, xmlCheckUTF8)
+#define xmlCtxtReadMemory QUILLON_LAZY_CALL(gLibXML, xmlCtxtReadMemory)
+#define xmlDocDumpFormatMemoryEnc QUILLON_LAZY_CALL(gLibXML, xmlDocDumpFormatMemoryEnc)
+#define xmlDocDumpMemoryEnc QUILLON_LAZY_CALL(gLibXML, xmlDocDumpMemoryEnc)
+#define xmlDocGetRootElement QUILLON_LAZY_CALL(gLibXML, xmlDocGetRootElement)
+// A variable of the library's, holding its deallocator.
+#define xmlFree (*QUILLON_LAZY_CALL(gLibXML, xmlFree))
+#define xmlFreeDoc QUILLON_LAZY_CALL(gLibXML, xmlFreeDoc)
+#define xmlFreeNode QUILLON_LAZY_CALL(gLibXML, xmlFreeNode)
+#define xmlFreeParserCtxt QUILLON_LAZY_CALL(gLibXML, xmlFreeParserCtxt)
+#define xmlInitParser QUILLON_LAZY_CALL(gLibXML, xmlInitParser)
+#define xmlNewDocText QUILLON_LAZY_CALL(gLibXML, xmlNewDocText)
+#define xmlNewParserCtxt QUILLON_LAZY_CALL(gLibXML, xmlNewParserCtxt)
+#define xmlNodeDump QUILLON_LAZY_CALL(gLibXML, xmlNodeDump)
+#define xmlNodeGetContent QUILLON_LAZY_CALL(gLibXML, xmlNodeGetContent)
+#define xmlNodeSetContent QUILLON_LAZY_CALL(gLibXML, xmlNodeSetContent)
+#define xmlSetNsProp QUILLON_LAZY_CALL(gLibXML, xmlSetNsProp)
+#define xmlSetStructuredErrorFunc QUILLON_LAZY_CALL(gLibXML, xmlSetStructuredErrorFunc)
+#define xmlUnlinkNode QUILLON_LAZY_CALL(gLibXML, xmlUnlinkNode)
+#define xmlXPathEval QUILLON_LAZY_CALL(gLibXML, xmlXPathEval)
+#define xmlXPathFreeContext QUILLON_LAZY_CALL(gLibXML, xmlXPathFreeContext)
+#define xmlXPathFreeObject QUILLON_LAZY_CALL(gLibXML, xmlXPathFreeObject)
+#define xmlXPathNewContext QUILLON_LAZY_CALL(gLibXML, xmlXPathNewContext)
+
+}  // namespace
+
 struct MVXMLDocumentStorage {
   struct DocDeleter {
     void operator()(xmlDoc* doc) const { xmlFreeDoc(doc); }
@@ -55,9 +112,11 @@ std::string fromXml(const xmlChar* s) { return s ? std::string(reinterpret_cast<
 std::string fromXml(const XmlString& s) { return fromXml(s.get()); }
 const xmlChar* toXml(const std::string& s) { return reinterpret_cast<const xmlChar*>(s.c_str()); }
 
-void initLibrary() {
+bool initLibrary() {
+  if (!gLibXML.load()) return false;
   static std::once_flag once;
   std::call_once(once, [] { xmlInitParser(); });
+  return true;
 }
 
 // Collects the library's error reports for the current thread while it is
@@ -374,7 +433,7 @@ std::optional<MVXMLDocument> MVXMLDocument::documentWithData(std::string_view by
   };
   if (bytes.empty()) return fail("The document is empty");
   if (bytes.size() > static_cast<std::size_t>(INT_MAX)) return fail("The document is too large");
-  initLibrary();
+  if (!initLibrary()) return fail("The XML library cannot be loaded");
 
   // Never reach outside the bytes: no network, no external DTD and no
   // entity substitution (which is what would load an external entity).
