@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <linux/magic.h>
+#include <malloc.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -252,6 +253,9 @@ void InotifyStream::start(const std::vector<std::string>& paths, double latency,
   }
   refreshAnchors();
   batcher_.resume();
+  // Walking a large tree leaves freed buffers and paths behind in the
+  // allocator; the agent then sits idle for hours, so hand them back now.
+  malloc_trim(0);
 }
 
 void InotifyStream::stop() {
