@@ -4,7 +4,7 @@
 set -euo pipefail
 
 QUILLON_BUILD_PACKAGES=(
-  build-essential cmake pkg-config
+  build-essential cmake pkg-config ccache
   libplist-dev libxml2-dev libglib2.0-dev libsecret-1-dev libcanberra-dev
   libgtk-3-dev libx11-dev libssl-dev
 )

@@ -8,6 +8,9 @@ source scripts/deps.sh
 quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" "${QUILLON_TEST_PACKAGES[@]}" || exit 1
 
 JOBS=${JOBS:-$(nproc)}
+# Rebuilds after a small change reuse the objects of the last run.
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_C_COMPILER_LAUNCHER=ccache -DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 VARIANTS=${QUILLON_TEST_VARIANTS:-"plain asan tsan fuzz"}
 total_passed=0
 total_failed=0
@@ -16,7 +19,7 @@ status=0
 run_variant() {
   local name=$1 dir=$2 sanitize=$3
   echo "=== $name build ($dir)"
-  if ! cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DQUILLON_SANITIZE="$sanitize" >"$dir.configure.log" 2>&1; then
+  if ! cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=Debug -DQUILLON_SANITIZE="$sanitize" "${launcher[@]}" >"$dir.configure.log" 2>&1; then
     tail -n 30 "$dir.configure.log"; echo "$name: configure failed"; status=1; total_failed=$((total_failed + 1)); return
   fi
   if ! cmake --build "$dir" -j "$JOBS" >"$dir.build.log" 2>&1; then
