@@ -605,43 +605,38 @@ void MVFCPPrefParser::scan(const std::string& bytes, TypeList& workingList) {
       continue;
     }
 
-    // The slice holds the end of one run and maybe the start of others.
-    // Parts are taken in order, so the values before a key found inside the
-    // slice still belong to the key that came before it.
-    std::vector<std::string> parts = splitAtSeparators(slice);
+    // The slice holds the end of one run and maybe the start of others. A
+    // key among its parts is taken before anything of this slice is stored:
+    // the key before it is stored with the values completed so far, and the
+    // run that was still pending goes with neither.
+    const std::vector<std::string> parts = splitAtSeparators(slice);
     const bool beginsWithSeparator = isSeparator(static_cast<unsigned char>(slice.front()));
     const bool endsWithSeparator = isSeparator(static_cast<unsigned char>(slice.back()));
-    if (!value.empty() && beginsWithSeparator) {
+    const bool hadValue = !value.empty();
+    // A run continued from the last slice counts as one word, so a key split
+    // across two slices is still recognised.
+    const std::string first = (hadValue && !beginsWithSeparator) ? value + parts.front() : parts.front();
+    bool keyFound = false;
+    for (std::size_t index = 0; index < parts.size(); ++index) {
+      const std::string& part = index == 0 ? first : parts[index];
+      if (!isKeyName(part)) continue;
+      if (flush(*key, values, workingList)) return;
+      startKey(part, i);
+      keyFound = true;
+    }
+    if (hadValue) {
+      if (!beginsWithSeparator && !keyFound) value = first;
+      // A slice with a separator always ends the pending run.
       values.push_back(value);
       value.clear();
     }
-    const bool continuesValue = !value.empty();
-    if (continuesValue) {
-      parts.front() = value + parts.front();
-      value.clear();
-    }
-    for (std::size_t index = 0; index < parts.size(); ++index) {
-      const std::string& part = parts[index];
-      const bool last = index + 1 == parts.size();
-      if (isKeyName(part)) {
-        if (flush(*key, values, workingList)) return;
-        startKey(part, i);
-      } else if (index == 0) {
-        // Without a run to finish, the first part is the tail of whatever
-        // the last slice skipped over.
-        if (continuesValue) values.push_back(part);
-      } else if (!last) {
-        // Short runs between separators are numbers and flags, not paths.
-        if (part.size() > 7) values.push_back(part);
-      } else if (endsWithSeparator) {
-        if (!part.empty()) values.push_back(part);
-      } else {
-        value = part;
-      }
-    }
+    // Short runs between separators are numbers and flags, not paths.
+    for (std::size_t index = 1; index + 1 < parts.size(); ++index)
+      if (parts[index].size() > 7) values.push_back(parts[index]);
+    if (endsWithSeparator) values.push_back(parts.back());
+    else value = parts.back();
     i += kSlice;
   }
-  // A key close to the end of the file still counts with the values that
-  // were completed before the end.
-  if (key) flush(*key, values, workingList);
+  // A key still open when the data ends is not stored: only the next key or
+  // the end of its value region stores one.
 }

@@ -33,6 +33,13 @@ std::string entry(const std::string& key, const std::string& value) {
   return pascal(key) + kGap + pascal(value) + std::string(4, '\0') + kGap;
 }
 
+// Separators only.
+std::string gap(std::size_t length) { return std::string(length, '\x01'); }
+
+// A key after an entry, so that the entry's key is stored: a key still open
+// when the data ends never is.
+const std::string kNextKey = pascal("waveform") + kGap + kGap;
+
 std::string noise(std::size_t length, unsigned seed) {
   std::mt19937 random(seed);
   std::string bytes(length, '\0');
@@ -89,13 +96,14 @@ TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
   EXPECT_EQ(parser.scratchPath(), "/Users/ann/Scratch");
   EXPECT_EQ(parser.waveformCachePath(), "/Volumes/Media/Cache/Waveform Cache Files");
   EXPECT_EQ(parser.thumbnailCachePath(), "/Volumes/Media/Cache/Thumbnail Cache Files");
-  EXPECT_EQ(parser.autosavePath(), "/Volumes/Backup/Vault/Autosave Vault");
+  // The vault's key is still open when the data ends: derived from the waveform folder.
+  EXPECT_EQ(parser.autosavePath(), "/Volumes/Media/Cache/Autosave Vault");
   EXPECT_TRUE(parser.dataIsLoaded());
 
   MVPlistValue cache = MVPropertyList::read(MVFCPPrefParser::cacheFilePath());
   const MVPlistValue& cached = cache["Final Cut Pro"];
   EXPECT_EQ(cached["render"], MVPlistValue("/Volumes/Media/Renders/Documentary Project 2024/Render Files"));
-  EXPECT_EQ(cached["autosaveVault"], MVPlistValue("/Volumes/Backup/Vault/Autosave Vault"));
+  EXPECT_EQ(cached["autosaveVault"], MVPlistValue("/Volumes/Media/Cache/Autosave Vault"));
   EXPECT_TRUE(cached["modDate"].isDate());
 }
 
@@ -111,8 +119,51 @@ TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
   // The cache is keyed by date alone, and this second file has the same one.
   fs::remove(MVFCPPrefParser::cacheFilePath());
   MVFCPPrefParser all = parserFor(prefsFile(file), std::vector<std::string>{"render", "capture", "scratch"});
-  EXPECT_EQ(all.scratchPath(), "/Volumes/Media/Scratch/Disk");
   EXPECT_EQ(all.captureScratchPath(), "/Volumes/Media/Captured/Here/Capture Scratch");
+  // Scratch, the last key, is still open at the end: derived from capture.
+  EXPECT_EQ(all.scratchPath(), "/Volumes/Media/Captured/Here");
+}
+
+// Hand-made layouts whose every slice is known: the key "render" and its
+// value "Media:Renders:Proj", then what follows. Slices are 15 characters,
+// taken one character on while looking for a key and whole inside a key's
+// values.
+TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
+  const std::string head = pascal("render") + gap(8) + "\x12" "Media:Renders:Proj";
+  const std::string captureThenScratch = pascal("capture") + gap(1) + "Media:Captured" + gap(6) + pascal("scratch") + gap(16);
+  const std::string nul2(2, '\0');
+  struct Layout {
+    const char* what;
+    std::string tail;
+    std::string render, scratch;
+  } layouts[] = {
+      // The data ends while "render" is open: never stored, so both are defaults.
+      {"key open at the end", gap(16), documents("Final Cut Pro Documents/Render Files"),
+       documents("Final Cut Pro Documents")},
+      // "capture" is split over two slices ("c" + "apture") and still found;
+      // it stores "render", and is itself open at the end.
+      {"key across two slices", gap(16) + pascal("capture") + gap(16), "/Volumes/Media/Renders/Proj/Render Files",
+       documents("Final Cut Pro Documents")},
+      // One slice holds a separator, "capture" and "Media"; the render path
+      // was complete before it.
+      {"key and value in one slice", gap(2) + gap(1) + captureThenScratch, "/Volumes/Media/Renders/Proj/Render Files",
+       "/Volumes/Media/Captured"},
+      // The render path is still pending when that slice comes: "capture"
+      // stores "render" without it, so render follows capture's folder.
+      {"pending run, slice opens with a separator", nul2 + gap(1) + captureThenScratch,
+       "/Volumes/Media/Captured/Render Files", "/Volumes/Media/Captured"},
+      {"pending run, slice continues it", nul2 + std::string(1, '\0') + captureThenScratch,
+       "/Volumes/Media/Captured/Render Files", "/Volumes/Media/Captured"},
+  };
+  for (const Layout& layout : layouts) {
+    SCOPED_TRACE(layout.what);
+    fs::remove(MVFCPPrefParser::cacheFilePath());
+    testing::internal::CaptureStderr();
+    MVFCPPrefParser parser = parserFor(prefsFile(head + layout.tail));
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(parser.renderPath(), layout.render);
+    EXPECT_EQ(parser.scratchPath(), layout.scratch);
+  }
 }
 
 TEST_F(MVFCPPrefParserTest, FilesTooShortToScan) {
@@ -140,12 +191,12 @@ TEST_F(MVFCPPrefParserTest, FilesTooShortToScan) {
 }
 
 TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
-  std::string path = prefsFile(noise(20, 7) + kGap + entry("render", "Media:Renders:First") + noise(20, 8));
+  std::string path = prefsFile(noise(20, 7) + kGap + entry("render", "Media:Renders:First") + kNextKey + noise(20, 8));
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
   auto written = fs::last_write_time(path);
 
   // New content with the old date: the cache answers, so the file was not read.
-  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + noise(20, 10));
+  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + kNextKey + noise(20, 10));
   fs::last_write_time(path, written);
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
 
@@ -154,7 +205,7 @@ TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
   fs::last_write_time(path, written);
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
 
-  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + noise(20, 10));
+  writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + kNextKey + noise(20, 10));
   fs::last_write_time(path, written + std::chrono::seconds(5));
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/Second/Render Files");
 
