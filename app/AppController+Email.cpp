@@ -46,10 +46,13 @@ void configureRelay(SKPSMTPMessage& message) {
   message.setLogin(stringSetting("emailAccountName"));
   std::string item = MVKeychain::agentItemName(from);
   std::string kind(MVKeychain::kEmailPasswordKind);
+  // Without a stored password the message still goes out, with an empty
+  // one: the server's refusal is what tells the user in the log.
+  std::string password;
   if (MVKeychain::checkForExistenceOfKeychainItem(item, kind, from, "")) {
-    if (auto password = MVKeychain::getPasswordFromKeychainItem(item, kind, from, ""))
-      message.setPass(*password);
+    if (auto stored = MVKeychain::getPasswordFromKeychainItem(item, kind, from, "")) password = *stored;
   }
+  message.setPass(password);
   message.setWantsSecure(QuillonPreferences::isEqualToOne("emailUseTLS"));
 }
 

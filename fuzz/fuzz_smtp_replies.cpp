@@ -4,7 +4,8 @@
 // or touch the message after the delegate dropped it.
 //
 // Input: the first byte picks the session's switches (bit 0: authentication
-// required, bit 1: STARTTLS wanted); the rest is the server's byte stream,
+// required, bit 1: encryption wanted, bit 2: port 465, where the session is
+// TLS from the start); the rest is the server's byte stream,
 // where "|" ends a read. Reads longer than the client's 1024-byte buffer are
 // cut as the socket reader cuts them.
 #include <cstdint>
@@ -35,7 +36,8 @@ struct Delegate : SKPSMTPMessageDelegate {
       case kSKPSMTPErrorUnsupportedLogin:
       case kSKPSMTPErrorInvalidUserPass:
       case kSKPSMTPErrorNoRelay:
-      case kSKPSMTPErrorInvalidMessage: break;
+      case kSKPSMTPErrorInvalidMessage:
+      case kSKPSMTPErrorNoEncryption: break;
       default: std::abort();
     }
     if (error.domain != kSKPSMTPMessageErrorDomain || error.localizedDescription.empty()) std::abort();
@@ -62,6 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   message.setSubject("clip.mov Finished");
   message.setParts({{{kSKPSMTPPartContentTypeKey, "text/plain"}, {kSKPSMTPPartMessageKey, "Done."}}});
   message.setDelegate(&delegate);
+  if (data[0] & 4) message.setRelayPorts({kSKPSMTPImplicitTLSPort});
+  const bool wantsSecure = data[0] & 2;
   std::weak_ptr<SKPSMTPMessage> weak = delegate.message;
 
   std::string_view stream = quillon_fuzz::asText(data + 1, size - 1);
@@ -81,6 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       // The dialogue only moves forward, except that STARTTLS returns to
       // the EHLO reply once.
       if (after < before && !(before == kSKPSMTPAwaitingTlsReady && after == kSKPSMTPAwaitingEhloReply)) std::abort();
+      // Encryption wanted: no authentication and no envelope in plain text.
+      if (wantsSecure && !alive->isSecure() && after >= kSKPSMTPAwaitingUsernamePrompt) std::abort();
     }
   }
   if (delegate.reports > 1) std::abort();

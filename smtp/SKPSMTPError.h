@@ -12,3 +12,18 @@ struct SKPSMTPError {
   std::string localizedDescription;
   std::string localizedRecoverySuggestion;
 };
+
+inline constexpr const char* kSKPSMTPMessageErrorDomain = "SKPSMTPMessageError";
+
+enum SKPSMTPErrorCode : long {
+  kSKPSMTPErrorUnsupportedLogin = -2,
+  kSKPSMTPErrorConnectionFailed = -3,
+  kSKPSMTPErrorConnectionInterrupted = -4,
+  kSKPSMTPErrorTimeout = -5,
+  // A secure connection was asked for and the server offered no STARTTLS:
+  // nothing was authenticated or sent.
+  kSKPSMTPErrorNoEncryption = -6,
+  kSKPSMTPErrorInvalidUserPass = 535,
+  kSKPSMTPErrorNoRelay = 530,
+  kSKPSMTPErrorInvalidMessage = 550,
+};

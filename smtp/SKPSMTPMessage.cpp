@@ -1,16 +1,29 @@
 #include "SKPSMTPMessage.h"
 
+#include <cctype>
 #include <chrono>
 #include <cstdio>
 
 #include "Base64.h"
 #include "MVFormat.h"
+#include "MVLog.h"
 #include "MVRunLoop.h"
 
 namespace {
 
 bool hasPrefix(const std::string& line, const char* prefix) { return line.rfind(prefix, 0) == 0; }
 bool contains(const std::string& line, const char* text) { return line.find(text) != std::string::npos; }
+
+// An EHLO reply line ("250-" or "250 ") naming `keyword` as its capability,
+// in any letter case; arguments may follow after a blank.
+bool offersCapability(const std::string& line, std::string_view keyword) {
+  if (line.size() < 4 + keyword.size() || line.compare(0, 3, "250") != 0 || (line[3] != '-' && line[3] != ' '))
+    return false;
+  for (std::size_t i = 0; i < keyword.size(); ++i)
+    if (std::toupper(static_cast<unsigned char>(line[4 + i])) != keyword[i]) return false;
+  std::size_t end = 4 + keyword.size();
+  return end == line.size() || line[end] == ' ' || line[end] == '\t';
+}
 
 // __builtin_LINE rather than std::source_location: clang 14 with this C++
 // library cannot build the latter.
@@ -58,6 +71,12 @@ SKPSMTPError SKPSMTPMessageError(long code, int context) {
     case kSKPSMTPErrorConnectionFailed: description = "Unable to connect to the server."; break;
     case kSKPSMTPErrorConnectionInterrupted: description = "The connection to the server was interrupted."; break;
     case kSKPSMTPErrorTimeout: description = "Timeout sending message."; break;
+    case kSKPSMTPErrorNoEncryption:
+      description = "The server offered no encryption.";
+      suggestion =
+          "Neither your password nor the message was sent. Ask your mail provider for a server that supports "
+          "TLS, or turn off \"Use TLS\" in Email Preferences to send without encryption.";
+      break;
     case kSKPSMTPErrorInvalidUserPass:
       description = "Invalid username or password.";
       suggestion = "Go to Email Preferences in the application and re-enter your username and password.";
@@ -79,6 +98,15 @@ SKPSMTPError SKPSMTPMessageError(long code, int context) {
   return {kSKPSMTPMessageErrorDomain, code, localized(description), localized(suggestion)};
 }
 
+std::string SKPSMTPWithoutControls(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) {
+    unsigned char u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7F) c = ' ';
+  }
+  return out;
+}
+
 const std::vector<int>& SKPSMTPMessage::defaultRelayPorts() {
   static const std::vector<int> ports{25, 465, 587};
   return ports;
@@ -95,6 +123,7 @@ std::shared_ptr<SKPSMTPMessage> SKPSMTPMessage::copy() const {
   copy->login_ = login_;
   copy->parts_ = parts_;
   copy->pass_ = pass_;
+  copy->hasPass_ = hasPass_;
   copy->relayHost_ = relayHost_;
   copy->requiresAuth_ = requiresAuth_;
   copy->subject_ = subject_;
@@ -121,7 +150,7 @@ bool SKPSMTPMessage::send() {
   assertThat(sendState_.load() == kSKPSMTPIdle, "Message has already been sent!");
   if (requiresAuth_) {
     assertThat(!login_.empty(), "auth requires login");
-    assertThat(!pass_.empty(), "auth requires pass");
+    assertThat(hasPass_, "auth requires pass");
   }
   assertThat(!relayHost_.empty(), "send requires relayHost");
   assertThat(!subject_.empty(), "send requires subject");
@@ -169,6 +198,8 @@ bool SKPSMTPMessage::startSending() {
 
   sendState_ = kSKPSMTPConnecting;
   isSecure_ = false;
+  serverStartTLS_ = false;
+  discardPlainText_ = false;
   inputStream_ = std::move(input);
   outputStream_ = std::move(output);
   auto handler = [weak](SKPSMTPStream& stream, SKPSMTPStreamEvent event) {
@@ -176,6 +207,14 @@ bool SKPSMTPMessage::startSending() {
   };
   inputStream_->setDelegate(handler);
   outputStream_->setDelegate(handler);
+  if (port == kSKPSMTPImplicitTLSPort) {
+    // The handshake starts as soon as the connection is up; the greeting
+    // already comes over TLS, checked like a STARTTLS upgrade.
+    SKPSMTPTLSSettings settings = tlsSettings();
+    inputStream_->setSSLSettings(settings);
+    outputStream_->setSSLSettings(settings);
+    isSecure_ = true;
+  }
   inputStream_->open();
   outputStream_->open();
   inputString_.clear();
@@ -213,9 +252,18 @@ void SKPSMTPMessage::handleEvent(SKPSMTPStream& stream, SKPSMTPStreamEvent event
         reportFailure(SKPSMTPMessageError(kSKPSMTPErrorConnectionInterrupted));
       }
       break;
+    case SKPSMTPStreamEvent::ErrorOccurred:
+      // A certificate refused before the greeting (implicit TLS) ends the
+      // send with its reason: the next port would meet the same certificate.
+      if (sendState_ == kSKPSMTPConnecting && isSecure_ && isCertificateRejection(stream.streamError())) {
+        SKPSMTPError error = stream.streamError();
+        cleanUpStreams();
+        reportFailure(error);
+      }
+      break;
     default:
-      // Connection errors are left to the connect timer (next port) and the
-      // watchdog (timeout), as on the Mac.
+      // Other connection errors are left to the connect timer (next port)
+      // and the watchdog (timeout), as on the Mac.
       break;
   }
 }
@@ -223,7 +271,10 @@ void SKPSMTPMessage::handleEvent(SKPSMTPStream& stream, SKPSMTPStreamEvent event
 void SKPSMTPMessage::receiveBytesForTesting(std::string_view bytes) {
   if (reported_ || outputStream_ || bytes.empty()) return;
   int idle = kSKPSMTPIdle;
-  sendState_.compare_exchange_strong(idle, kSKPSMTPConnecting);
+  if (sendState_.compare_exchange_strong(idle, kSKPSMTPConnecting)) {
+    // As if connected to the first port: 465 has finished its handshake.
+    isSecure_ = !relayPorts_.empty() && static_cast<std::int16_t>(relayPorts_.front()) == kSKPSMTPImplicitTLSPort;
+  }
   inputString_.append(bytes);
   parseBuffer();
 }
@@ -244,9 +295,15 @@ void SKPSMTPMessage::parseBuffer() {
     while (end < text.size() && newlineAt(text, end) == 0) ++end;
     handleLine(text.substr(pos, end - pos));
     pos = end;
-    if (reported_) break;
+    if (reported_ || discardPlainText_) break;
   }
-  inputString_ = pos < text.size() ? text.substr(pos) : std::string();
+  if (discardPlainText_) {
+    // Whatever followed "220" in plain text is not the server's word: only
+    // what arrives over TLS (already in inputString_, if anything) counts.
+    discardPlainText_ = false;
+  } else {
+    inputString_ = pos < text.size() ? text.substr(pos) : std::string();
+  }
 
   if (reachedSent_) {
     cleanUpStreams();
@@ -298,53 +355,34 @@ void SKPSMTPMessage::handleLine(const std::string& line) {
       if (hasPrefix(line, "220 ")) {
         sendState_ = kSKPSMTPAwaitingEhloReply;
         serverAuthCRAMMD5_ = serverAuthPLAIN_ = serverAuthLOGIN_ = serverAuthDIGESTMD5_ = false;
+        serverStartTLS_ = false;
         sendCommand(MVFormatString("EHLO %@\r\n", "localhost"));
       }
       break;
 
     case kSKPSMTPAwaitingEhloReply:
-      if (hasPrefix(line, "250-AUTH")) {
-        serverAuthCRAMMD5_ |= contains(line, "CRAM-MD5");
-        serverAuthPLAIN_ |= contains(line, "PLAIN");
-        serverAuthLOGIN_ |= contains(line, "LOGIN");
-        serverAuthDIGESTMD5_ |= contains(line, "DIGEST-MD5");
-      } else if (hasPrefix(line, "250-8BITMIME")) {
-        server8bitMessages_ = true;
-      } else if (hasPrefix(line, "250-STARTTLS") && wantsSecure_ && !isSecure_) {
-        sendState_ = kSKPSMTPAwaitingTlsReady;
-        sendCommand("STARTTLS\r\n");
-      } else if (hasPrefix(line, "250 ")) {
-        if (!requiresAuth_) {
-          sendState_ = kSKPSMTPAwaitingSenderReply;
-          sendCommand(MVFormatString("MAIL FROM:<%@>\r\n", fromEmail_));
-        } else if (serverAuthPLAIN_) {
-          sendState_ = kSKPSMTPAwaitingAuthResult;
-          std::string credentials = std::string(1, '\0') + login_ + std::string(1, '\0') + pass_;
-          sendCommand(MVFormatString("AUTH PLAIN %@\r\n", Base64Additions::encodeBase64ForData(credentials)));
-        } else if (serverAuthLOGIN_) {
-          sendState_ = kSKPSMTPAwaitingUsernamePrompt;
-          sendCommand("AUTH LOGIN\r\n");
-        } else {
-          recordFailure(SKPSMTPMessageError(kSKPSMTPErrorUnsupportedLogin));
-        }
-      }
+      handleEhloLine(line);
       break;
 
     case kSKPSMTPAwaitingTlsReady:
       if (hasPrefix(line, "220 ")) {
-        SKPSMTPTLSSettings settings;
-        settings.peerName = relayHost_;
-        settings.validatesCertificateChain = validateSSLChain_;
-        if (!validateSSLChain_) std::fputs("WARNING: Will not validate SSL chain!!!\n", stderr);
+        // Bytes after the "220" came in plain text, where anyone on the path
+        // could have added them: drop them, parse only what TLS brings.
+        inputString_.clear();
+        discardPlainText_ = true;
+        SKPSMTPTLSSettings settings = tlsSettings();
         if (inputStream_) inputStream_->setSSLSettings(settings);
         if (outputStream_) outputStream_->setSSLSettings(settings);
         isSecure_ = true;
         sendState_ = kSKPSMTPAwaitingEhloReply;
         // The secured server's capabilities replace what it offered in plain text.
         serverAuthCRAMMD5_ = serverAuthPLAIN_ = serverAuthLOGIN_ = serverAuthDIGESTMD5_ = false;
+        serverStartTLS_ = false;
         sendCommand(MVFormatString("EHLO %@\r\n", "localhost"));
       } else if (hasPrefix(line, kUsernamePrompt)) {
-        answerPrompt(kSKPSMTPAwaitingPasswordPrompt, login_);
+        // A login prompt where the TLS go-ahead belongs: answering would
+        // authenticate in plain text although encryption was asked for.
+        refuseWithoutEncryption();
       }
       break;
 
@@ -353,7 +391,14 @@ void SKPSMTPMessage::handleLine(const std::string& line) {
       break;
 
     case kSKPSMTPAwaitingPasswordPrompt:
-      if (hasPrefix(line, kPasswordPrompt)) answerPrompt(kSKPSMTPAwaitingAuthResult, pass_);
+      if (hasPrefix(line, kPasswordPrompt)) {
+        if (wantsSecure_ && !isSecure_) {
+          refuseWithoutEncryption();
+        } else {
+          noteClearTextPassword();
+          answerPrompt(kSKPSMTPAwaitingAuthResult, pass_);
+        }
+      }
       break;
 
     case kSKPSMTPAwaitingAuthResult:
@@ -361,7 +406,7 @@ void SKPSMTPMessage::handleLine(const std::string& line) {
         sendState_ = kSKPSMTPAwaitingSenderReply;
         // Only the authenticated path offers 8BITMIME; the plain path never did.
         const char* format = server8bitMessages_ ? "MAIL FROM:<%@> BODY=8BITMIME\r\n" : "MAIL FROM:<%@>\r\n";
-        sendCommand(MVFormatString(format, fromEmail_));
+        sendCommand(MVFormatString(format, SKPSMTPWithoutControls(fromEmail_)));
       } else if (hasPrefix(line, "535 ")) {
         recordFailure(SKPSMTPMessageError(kSKPSMTPErrorInvalidUserPass));
       }
@@ -415,6 +460,63 @@ void SKPSMTPMessage::handleLine(const std::string& line) {
     sendState_ = kSKPSMTPSent;
     reachedSent_ = true;
   }
+}
+
+void SKPSMTPMessage::handleEhloLine(const std::string& line) {
+  if (hasPrefix(line, "250-AUTH")) {
+    serverAuthCRAMMD5_ |= contains(line, "CRAM-MD5");
+    serverAuthPLAIN_ |= contains(line, "PLAIN");
+    serverAuthLOGIN_ |= contains(line, "LOGIN");
+    serverAuthDIGESTMD5_ |= contains(line, "DIGEST-MD5");
+  } else if (hasPrefix(line, "250-8BITMIME")) {
+    server8bitMessages_ = true;
+  }
+  // STARTTLS may stand on any line of the reply, the last one included.
+  if (offersCapability(line, "STARTTLS")) serverStartTLS_ = true;
+  if (!hasPrefix(line, "250 ")) return;
+
+  // The whole reply is in: decide.
+  if (wantsSecure_ && !isSecure_) {
+    if (serverStartTLS_) {
+      sendState_ = kSKPSMTPAwaitingTlsReady;
+      sendCommand("STARTTLS\r\n");
+    } else {
+      refuseWithoutEncryption();
+    }
+  } else if (!requiresAuth_) {
+    sendState_ = kSKPSMTPAwaitingSenderReply;
+    sendCommand(MVFormatString("MAIL FROM:<%@>\r\n", SKPSMTPWithoutControls(fromEmail_)));
+  } else if (serverAuthPLAIN_) {
+    sendState_ = kSKPSMTPAwaitingAuthResult;
+    noteClearTextPassword();
+    std::string credentials = std::string(1, '\0') + login_ + std::string(1, '\0') + pass_;
+    sendCommand(MVFormatString("AUTH PLAIN %@\r\n", Base64Additions::encodeBase64ForData(credentials)));
+  } else if (serverAuthLOGIN_) {
+    sendState_ = kSKPSMTPAwaitingUsernamePrompt;
+    sendCommand("AUTH LOGIN\r\n");
+  } else {
+    recordFailure(SKPSMTPMessageError(kSKPSMTPErrorUnsupportedLogin));
+  }
+}
+
+void SKPSMTPMessage::refuseWithoutEncryption() {
+  // The user asked for encryption: without it nothing more is said.
+  sendCommand("QUIT\r\n");
+  recordFailure(SKPSMTPMessageError(kSKPSMTPErrorNoEncryption));
+}
+
+SKPSMTPTLSSettings SKPSMTPMessage::tlsSettings() const {
+  SKPSMTPTLSSettings settings;
+  settings.peerName = relayHost_;
+  settings.validatesCertificateChain = validateSSLChain_;
+  if (!validateSSLChain_) std::fputs("WARNING: Will not validate SSL chain!!!\n", stderr);
+  return settings;
+}
+
+void SKPSMTPMessage::noteClearTextPassword() {
+  if (isSecure_ || clearTextPasswordNoted_) return;
+  clearTextPasswordNoted_ = true;
+  MVLog::appendLog("Email password for %@ was sent to %@ without encryption (Use TLS is off)", login_, relayHost_);
 }
 
 void SKPSMTPMessage::startShortWatchdog() { startWatchdog(shortWatchdogSeconds_); }

@@ -17,10 +17,23 @@
 // reference inside the callback. Dropping it earlier ends the session
 // silently.
 //
+// Secure connections: port 465 speaks TLS from the first byte (implicit TLS);
+// every other port is upgraded with STARTTLS when `wantsSecure` is set. With
+// `wantsSecure`, a server that offers no STARTTLS gets QUIT and the delegate
+// hears kSKPSMTPErrorNoEncryption: neither the password nor the message is
+// sent in plain text. Whatever the server sent in plain text before the TLS
+// handshake is thrown away. Without `wantsSecure`, a password that goes out
+// unencrypted is noted in the log once per send.
+//
+// Nothing from the message's texts can steer the protocol: control
+// characters in header values and envelope addresses become spaces, line
+// breaks of the message text are sent as CR LF and its lines that begin with
+// "." are dot-stuffed, so the receiver sees the text exactly as given.
+//
 // On the Mac the connection is the platform's socket stream pair with its TLS
 // settings; here it is a non-blocking socket with OpenSSL (SKPSMTPStreams.h).
-// STARTTLS requires TLS 1.2 or newer. With `validateSSLChain` the system's CA
-// store and the relay's host name are checked; without it a warning goes to
+// TLS 1.2 or newer is required. With `validateSSLChain` the system's CA store
+// and the relay's host name are checked; without it a warning goes to
 // standard error and nothing is verified.
 #pragma once
 
@@ -49,18 +62,6 @@ inline constexpr const char* kSKPSMTPPartMessageKey = "kSKPSMTPPartMessageKey";
 // One MIME part: the keys above to their values. The message value is the
 // body already encoded as its transfer encoding says.
 using SKPSMTPPart = std::map<std::string, std::string>;
-
-inline constexpr const char* kSKPSMTPMessageErrorDomain = "SKPSMTPMessageError";
-
-enum SKPSMTPErrorCode : long {
-  kSKPSMTPErrorUnsupportedLogin = -2,
-  kSKPSMTPErrorConnectionFailed = -3,
-  kSKPSMTPErrorConnectionInterrupted = -4,
-  kSKPSMTPErrorTimeout = -5,
-  kSKPSMTPErrorInvalidUserPass = 535,
-  kSKPSMTPErrorNoRelay = 530,
-  kSKPSMTPErrorInvalidMessage = 550,
-};
 
 enum SKPSMTPState : int {
   kSKPSMTPIdle = 0,
@@ -100,6 +101,9 @@ class SKPSMTPMessageDelegate {
   virtual void messageFailed(const std::shared_ptr<SKPSMTPMessage>& message, const SKPSMTPError& error) = 0;
 };
 
+// Submission over TLS from the first byte.
+inline constexpr int kSKPSMTPImplicitTLSPort = 465;
+
 class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
  public:
   // Ports 25, 465 and 587, in that order, shared by every new message.
@@ -116,12 +120,18 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
 
   const std::string& login() const { return login_; }
   void setLogin(std::string value) { login_ = std::move(value); }
+  // An empty password is a password: authentication is attempted with it
+  // and the server's refusal is reported. Only one never set is missing.
   const std::string& pass() const { return pass_; }
-  void setPass(std::string value) { pass_ = std::move(value); }
+  void setPass(std::string value) {
+    pass_ = std::move(value);
+    hasPass_ = true;
+  }
   const std::string& relayHost() const { return relayHost_; }
   void setRelayHost(std::string value) { relayHost_ = std::move(value); }
   // Tried in order and consumed as they are tried. Entries are read as signed
   // 16-bit numbers, so 40000 reaches the socket layer as -25536 and fails.
+  // Port 465 (kSKPSMTPImplicitTLSPort) is always TLS from the start.
   const std::vector<int>& relayPorts() const { return relayPorts_; }
   void setRelayPorts(std::vector<int> value) { relayPorts_ = std::move(value); }
   bool requiresAuth() const { return requiresAuth_; }
@@ -164,7 +174,7 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
   // Hands `bytes` to the line parser as one read from the server, on a
   // session with no connection behind it: replies move the dialogue on,
   // commands go nowhere and no watchdog starts. An idle message starts out
-  // waiting for the greeting. For the fuzzer, which feeds hostile reply
+  // waiting for the greeting, over TLS already when its first port is 465. For the fuzzer, which feeds hostile reply
   // streams in arbitrary pieces; call it on the main thread or without one.
   void receiveBytesForTesting(std::string_view bytes);
 
@@ -183,6 +193,10 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
   void handleEvent(SKPSMTPStream& stream, SKPSMTPStreamEvent event);
   void parseBuffer();
   void handleLine(const std::string& line);
+  void handleEhloLine(const std::string& line);
+  SKPSMTPTLSSettings tlsSettings() const;
+  void noteClearTextPassword();
+  void refuseWithoutEncryption();
   void sendCommand(const std::string& command);
   bool sendParts();
   void connectionConnectedCheck();
@@ -197,6 +211,7 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
   void recordFailure(const SKPSMTPError& error);
 
   std::string login_, pass_, relayHost_;
+  bool hasPass_ = false;
   std::vector<int> relayPorts_;
   bool requiresAuth_ = false;
   bool wantsSecure_ = false;
@@ -216,6 +231,10 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
   bool serverAuthLOGIN_ = false;
   bool serverAuthDIGESTMD5_ = false;
   bool server8bitMessages_ = false;
+  bool serverStartTLS_ = false;
+  // Set on "220" to STARTTLS: what is left of the plain-text read is dropped.
+  bool discardPlainText_ = false;
+  bool clearTextPasswordNoted_ = false;
   std::shared_ptr<MVTimer> connectTimer_;
   std::shared_ptr<MVTimer> watchdogTimer_;
   std::optional<std::chrono::steady_clock::time_point> watchdogDeadline_;
@@ -234,3 +253,8 @@ class SKPSMTPMessage : public std::enable_shared_from_this<SKPSMTPMessage> {
 // between the two meanings of 550: kSKPSMTPAwaitingDeliveryReply gives
 // "Failed to logout.", anything else "To address rejected.".
 SKPSMTPError SKPSMTPMessageError(long code, int context = kSKPSMTPAwaitingRecipientReply);
+
+// `text` with every control character (CR, LF, NUL, DEL and the rest of C0)
+// replaced by a space: what goes into a header line or a command must not
+// be able to end it.
+std::string SKPSMTPWithoutControls(std::string_view text);

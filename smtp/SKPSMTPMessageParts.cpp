@@ -91,16 +91,19 @@ std::string lossyASCII(const std::string& text) {
   return out;
 }
 
+// Header values carry file, folder and batch names: none of them may end the
+// header line or start another one.
 std::string headerText(const SKPSMTPMessage& message) {
   std::string text;
   text += MVFormatString("Date: %@\r\n", currentDateText());
-  text += MVFormatString("Message-id: <%@@%@>\r\n", newMessageIdentifier(), message.relayHost());
-  text += MVFormatString("From:%@\r\n", message.fromEmail());
-  if (!message.toEmail().empty()) text += MVFormatString("To:%@\r\n", message.toEmail());
-  if (!message.ccEmail().empty()) text += MVFormatString("Cc:%@\r\n", message.ccEmail());
+  text += MVFormatString("Message-id: <%@@%@>\r\n", newMessageIdentifier(),
+                         SKPSMTPWithoutControls(message.relayHost()));
+  text += MVFormatString("From:%@\r\n", SKPSMTPWithoutControls(message.fromEmail()));
+  if (!message.toEmail().empty()) text += MVFormatString("To:%@\r\n", SKPSMTPWithoutControls(message.toEmail()));
+  if (!message.ccEmail().empty()) text += MVFormatString("Cc:%@\r\n", SKPSMTPWithoutControls(message.ccEmail()));
   text += "Content-Type: multipart/mixed; boundary=SKPSMTPMessage--Separator--Delimiter\r\n";
   text += "Mime-Version: 1.0 (SKPSMTPMessage 1.0)\r\n";
-  text += MVFormatString("Subject:%@\r\n\r\n", message.subject());
+  text += MVFormatString("Subject:%@\r\n\r\n", SKPSMTPWithoutControls(message.subject()));
   text += kBoundaryLine;
   return text;
 }
@@ -110,28 +113,52 @@ std::string partValue(const SKPSMTPPart& part, const char* key, const char* miss
   return it == part.end() ? std::string(missing) : it->second;
 }
 
-// The closing boundary is the ordinary boundary line and lines starting with
-// "." are not doubled: receivers have always accepted this message as it is.
+// The text as the DATA phase carries it: every line break (CR LF, a lone CR
+// or a lone LF) is sent as CR LF, and a line that begins with "." gets one
+// more in front, which the receiver takes away again. So no text can end the
+// data early, whatever line breaks a receiver would honour.
+std::string dotStuffed(const std::string& text) {
+  std::string out;
+  out.reserve(text.size() + text.size() / 32);
+  bool lineStart = true;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (c == '\r' || c == '\n') {
+      if (c == '\r' && i + 1 < text.size() && text[i + 1] == '\n') ++i;
+      out += "\r\n";
+      lineStart = true;
+      continue;
+    }
+    if (lineStart && c == '.') out += '.';
+    out += c;
+    lineStart = false;
+  }
+  return out;
+}
+
+// The closing boundary is the ordinary boundary line: receivers have always
+// accepted this message as it is.
 std::string bodyText(const SKPSMTPMessage& message) {
   std::string text;
   for (const SKPSMTPPart& part : message.parts()) {
     if (part.count(kSKPSMTPPartContentDispositionKey))
-      text += MVFormatString("Content-Disposition: %@\r\n", partValue(part, kSKPSMTPPartContentDispositionKey));
-    text += MVFormatString("Content-Type: %@\r\n", partValue(part, kSKPSMTPPartContentTypeKey));
+      text += MVFormatString("Content-Disposition: %@\r\n",
+                             SKPSMTPWithoutControls(partValue(part, kSKPSMTPPartContentDispositionKey)));
+    text += MVFormatString("Content-Type: %@\r\n", SKPSMTPWithoutControls(partValue(part, kSKPSMTPPartContentTypeKey)));
     text += MVFormatString("Content-Transfer-Encoding: %@\r\n\r\n",
-                           partValue(part, kSKPSMTPPartContentTransferEncodingKey));
+                           SKPSMTPWithoutControls(partValue(part, kSKPSMTPPartContentTransferEncodingKey)));
     text += partValue(part, kSKPSMTPPartMessageKey, "");
     text += "\r\n";
     text += kBoundaryLine;
   }
-  text += kEndOfData;
-  return text;
+  return dotStuffed(text) + kEndOfData;
 }
 
 }  // namespace
 
 std::string SKPSMTPMessage::formatAnAddress(const std::string& address) const {
-  std::string trimmed = trimBlanks(address);
+  // One address, one command line, whatever the settings hold.
+  std::string trimmed = trimBlanks(SKPSMTPWithoutControls(address));
   if (address.find_first_of("<>") != std::string::npos) return MVFormatString("RCPT TO:%@\r\n", trimmed);
   return MVFormatString("RCPT TO:<%@>\r\n", trimmed);
 }

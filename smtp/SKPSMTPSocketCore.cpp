@@ -6,11 +6,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "MVFormat.h"
 #include "MVOpenSSL.h"
 
 namespace {
+
+constexpr const char* kCertificateRejected = "TLS certificate rejected: ";
 
 SKPSMTPError posixError(int code) {
   return {"NSPOSIXErrorDomain", code, std::strerror(code), ""};
@@ -157,9 +160,23 @@ long SKPSMTPSocketCore::write(const std::uint8_t* bytes, std::size_t length) {
   return -1;
 }
 
+bool isCertificateRejection(const SKPSMTPError& error) {
+  return error.domain == "OpenSSLErrorDomain" && error.localizedDescription.rfind(kCertificateRejected, 0) == 0;
+}
+
 bool SKPSMTPSocketCore::startTLS(const SKPSMTPTLSSettings& settings) {
+  if (phase_ == Phase::NotOpen || phase_ == Phase::Resolving || phase_ == Phase::Connecting) {
+    if (preconnected_) return false;
+    tlsOnConnect_ = settings;
+    return true;
+  }
   if (phase_ != Phase::Open) return false;
   if (ssl_) return true;
+  // Nothing may be read in plain text once TLS was agreed on: what the peer
+  // (or someone on the path) sent before the handshake is dropped unread.
+  char discard[1024];
+  while (::recv(fd_.get(), discard, sizeof discard, MSG_DONTWAIT) > 0) {
+  }
   // Without TLS nothing more may be sent: the next command would carry the
   // credentials in plain text. Failing the connection reports it instead.
   if (!MVLoadOpenSSL()) {
@@ -279,7 +296,7 @@ SKPSMTPError SKPSMTPSocketCore::tlsError(int sslErrorCode) {
   long verify = ssl_ ? SSL_get_verify_result(ssl_.get()) : X509_V_OK;
   if (verify != X509_V_OK)
     return {"OpenSSLErrorDomain", verify,
-            MVFormatString("TLS certificate rejected: %s", X509_verify_cert_error_string(verify)), ""};
+            std::string(kCertificateRejected) + X509_verify_cert_error_string(verify), ""};
   unsigned long code = ERR_peek_last_error();
   if (sslErrorCode == SSL_ERROR_SYSCALL && code == 0) return posixError(errno ? errno : ECONNRESET);
   char text[256] = "unknown error";
@@ -325,6 +342,11 @@ void SKPSMTPSocketCore::connectNext(int lastError) {
 void SKPSMTPSocketCore::connected() {
   phase_ = Phase::Open;
   watch(MVRunLoop::kReadable);
+  if (tlsOnConnect_) {
+    SKPSMTPTLSSettings settings = *std::exchange(tlsOnConnect_, std::nullopt);
+    if (!startTLS(settings)) return;
+    if (phase_ != Phase::Open) return;
+  }
   announceOpen();
 }
 

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -120,6 +121,7 @@ class SKPSMTPSocketCore : public std::enable_shared_from_this<SKPSMTPSocketCore>
   unsigned watched_ = 0;
   int holdDepth_ = 0;
   unsigned waitConditions_ = MVRunLoop::kWritable;
+  std::optional<SKPSMTPTLSSettings> tlsOnConnect_;
   std::unique_ptr<SSL_CTX, SSLCtxFree> ctx_;
   std::unique_ptr<SSL, SSLFree> ssl_;
   bool handshakeDone_ = false;

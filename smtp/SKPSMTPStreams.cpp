@@ -65,7 +65,7 @@ long SKPSMTPStream::write(const std::uint8_t* bytes, std::size_t length) {
 }
 
 bool SKPSMTPStream::setSSLSettings(const SKPSMTPTLSSettings& settings) {
-  if (closed_ || !opened_) return false;
+  if (closed_) return false;
   return core_->startTLS(settings);
 }
 

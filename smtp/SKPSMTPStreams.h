@@ -63,7 +63,10 @@ class SKPSMTPStream {
   [[nodiscard]] long write(const std::uint8_t* bytes, std::size_t length);
 
   // Upgrades the shared socket to TLS; setting it on the second stream of a
-  // pair changes nothing more. False when the stream is not open.
+  // pair changes nothing more. Set before the connection is up, the TLS
+  // handshake starts as soon as it is (implicit TLS). Bytes that arrived in
+  // plain text and were not read yet are thrown away first. False when the
+  // stream is closed.
   bool setSSLSettings(const SKPSMTPTLSSettings& settings);
 
   // Internal: event delivery from the socket.
@@ -77,6 +80,9 @@ class SKPSMTPStream {
   bool opened_ = false;
   bool closed_ = false;
 };
+
+// Whether `error` says that the server's certificate failed the checks.
+bool isCertificateRejection(const SKPSMTPError& error);
 
 // Makes the read and write stream of a TCP connection to `host` and `port`.
 // Nothing is resolved or connected until a stream is opened. An absent

@@ -500,6 +500,35 @@ TEST_F(MailNotifications, FailedRenderSendsTheFailureTextsAndTheTextOnlyWithItsN
   }
 }
 
+TEST_F(MailNotifications, AFileNameCannotSteerTheMail) {
+  // Everything a shared watch folder's file name could try: headers of its
+  // own, the end of the data, a second transaction on the user's session.
+  const std::string name =
+      "clip\r\nBcc: thief@evil.example\r\n.\r\nMAIL FROM:<render@evil.example>\r\nRCPT TO:<thief@evil.example>"
+      "\r\nDATA\r\nSubject: free money\n.\n.mov";
+  Settings settings = mailSettings();
+  settings["notifyText"] = 0;
+  writeSettings(settings);
+  AppController& controller = newController();
+  LogReader log;
+
+  controller.renderDidFinishSuccessfully(watchRender(name));
+  controller.waitForAsyncJobsWithTimeout(10);
+  EXPECT_EQ(log.count("Email sent successfully"), 1u) << log.text();
+
+  auto all = relay_->deliveries();
+  ASSERT_EQ(all.size(), 1u) << describe(all);
+  expectEnvelope(all[0], relay_->ownPort(), {"editor@example.com", "producer@example.com"});
+  EXPECT_EQ(all[0].header("Bcc"), "<no Bcc header>");
+  // The name is there as harmless text: on one header line, and in the body
+  // with its line breaks.
+  EXPECT_EQ(all[0].header("Subject"),
+            "clip  Bcc: thief@evil.example  .  MAIL FROM:<render@evil.example>  RCPT TO:<thief@evil.example>"
+            "  DATA  Subject: free money . .mov Finished");
+  EXPECT_NE(all[0].body().find("\r\n.\r\nMAIL FROM:<render@evil.example>\r\n"), std::string::npos)
+      << all[0].body();
+}
+
 TEST_F(MailNotifications, EmailPortIsTriedFirstOtherwiseTheDefaultPortsServe) {
   const int ownPort = relay_->ownPort();
   struct Case {
@@ -548,8 +577,10 @@ TEST_F(MailNotifications, RefusedOrMissingPasswordIsLoggedAndTheJobsStillEnd) {
   };
   const std::vector<Case> cases = {
       {"the keychain holds another password", kStaleSender, "Email failed to send - error(535): Invalid username or password."},
-      // No item at all: nothing to authenticate with, so nothing is sent.
-      {"no keychain item for the sender", "nobody@example.com", "Email failed to send - error("},
+      // No item at all: the session goes ahead without a password and the
+      // relay's refusal is what the log shows.
+      {"no keychain item for the sender", "nobody@example.com",
+       "Email failed to send - error(535): Invalid username or password."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -83,7 +83,7 @@ void awaitOutcome(Recorder& recorder, double seconds = 10) {
 // "sesame", and waits for its one report.
 void sendThroughScript(Recorder& recorder, const std::string& greeting,
                        const std::map<std::string, std::string>& overrides, bool requiresAuth,
-                       bool wantsSecure = false) {
+                       bool wantsSecure = false, std::string* transcript = nullptr) {
   ScriptedSMTPServer server(greeting, replies(overrides));
   auto message = makeMessage(recorder, {server.port()});
   message->setRequiresAuth(requiresAuth);
@@ -94,6 +94,7 @@ void sendThroughScript(Recorder& recorder, const std::string& greeting,
   ASSERT_TRUE(recorder.message->send());
   awaitOutcome(recorder);
   EXPECT_EQ(server.connections(), 1);
+  if (transcript) *transcript = server.transcript();
 }
 
 std::string regexEscape(const std::string& text) {
@@ -112,11 +113,14 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
   message->setToEmail("a@x.example; Bea <b@y.example>,");
   message->setCcEmail("c@z.example");
   message->setBccEmail("hidden@w.example");
-  message->setSubject("Caf\xC3\xA9 render");
+  // Outside text cannot add a header or end the data: control characters in
+  // header values become spaces, and the text's lines (whatever their line
+  // breaks) are sent with CR LF and dot-stuffed.
+  message->setSubject("Caf\xC3\xA9 render\r\nBcc: thief@evil.example");
   message->setParts({{{kSKPSMTPPartContentDispositionKey, "inline"},
                       {kSKPSMTPPartContentTypeKey, "text/plain; charset=UTF-8"},
                       {kSKPSMTPPartContentTransferEncodingKey, "8bit"},
-                      {kSKPSMTPPartMessageKey, "Gr\xC3\xBC\xC3\x9F" "e\r\n.dot"}},
+                      {kSKPSMTPPartMessageKey, "Gr\xC3\xBC\xC3\x9F" "e\r\n.dot\n.\rRCPT TO:<x@evil.example>"}},
                      {{kSKPSMTPPartContentTypeKey, "application/octet-stream"},
                       {kSKPSMTPPartContentTransferEncodingKey, "base64"},
                       {kSKPSMTPPartMessageKey, "AAEC"}}});
@@ -154,14 +158,14 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
       "Cc:c@z.example\r\n"
       "Content-Type: multipart/mixed; boundary=SKPSMTPMessage--Separator--Delimiter\r\n"
       "Mime-Version: 1.0 (SKPSMTPMessage 1.0)\r\n"
-      "Subject:Cafe render\r\n"
+      "Subject:Cafe render  Bcc: thief@evil.example\r\n"
       "\r\n"
       "--SKPSMTPMessage--Separator--Delimiter\r\n"
       "Content-Disposition: inline\r\n"
       "Content-Type: text/plain; charset=UTF-8\r\n"
       "Content-Transfer-Encoding: 8bit\r\n"
       "\r\n"
-      "Gr\xC3\xBC\xC3\x9F" "e\r\n.dot\r\n"
+      "Gr\xC3\xBC\xC3\x9F" "e\r\n..dot\r\n..\r\nRCPT TO:<x@evil.example>\r\n"
       "--SKPSMTPMessage--Separator--Delimiter\r\n"
       "Content-Type: application/octet-stream\r\n"
       "Content-Transfer-Encoding: base64\r\n"
@@ -185,6 +189,7 @@ TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
     bool requiresAuth;
     long expectedCode;  // 0: sent
     const char* expectedDescription;
+    bool wantsSecure = false;
   };
   std::string noise;  // one unmatched line every 200 ms for 16 seconds
   for (int i = 0; i < 80; ++i) noise += "250-still thinking\r\n|";
@@ -209,11 +214,27 @@ TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
       {"AUTH LOGIN when PLAIN is missing", "220 hi\r\n",
        {{"EHLO", "250-AUTH LOGIN\r\n250 OK\r\n"}, {"YWxp", "334 UGFzc3dvcmQ6\r\n"}, {"c2VzYW1l", "235 ok\r\n"}}, true,
        0, nullptr},
+      // TLS wanted: no encryption, no authentication and no message.
+      {"STARTTLS not offered", "220 hi\r\n", {{"EHLO", "250-AUTH PLAIN\r\n250 OK\r\n"}}, true, -6,
+       "The server offered no encryption.", true},
+      {"STARTTLS not offered, no authentication either", "220 hi\r\n", {{"EHLO", "250-8BITMIME\r\n250 OK\r\n"}},
+       false, -6, "The server offered no encryption.", true},
+      {"a login prompt instead of the TLS go-ahead", "220 hi\r\n",
+       {{"STARTTLS", "334 VXNlcm5hbWU6\r\n"}, {"YWxp", "334 UGFzc3dvcmQ6\r\n"}}, true, -6,
+       "The server offered no encryption.", true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     Recorder recorder;
-    sendThroughScript(recorder, c.greeting, c.overrides, c.requiresAuth);
+    std::string transcript;
+    sendThroughScript(recorder, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure, &transcript);
+    if (c.expectedCode == kSKPSMTPErrorNoEncryption) {
+      // The session ends politely, and neither the password nor the message went out.
+      EXPECT_TRUE(transcript.ends_with("QUIT\r\n")) << transcript;
+      EXPECT_EQ(transcript.find("c2VzYW1l"), std::string::npos) << transcript;
+      EXPECT_EQ(transcript.find("AUTH"), std::string::npos) << transcript;
+      EXPECT_EQ(transcript.find("MAIL FROM"), std::string::npos) << transcript;
+    }
     if (c.expectedCode == 0) {
       EXPECT_EQ(recorder.sent, 1);
     } else {

@@ -1,14 +1,23 @@
 // The SMTP session against a real relay (aiosmtpd): STARTTLS on a certificate
-// made for the test, AUTH PLAIN and LOGIN, and the exact bytes delivered.
+// made for the test, AUTH PLAIN and LOGIN, the exact bytes delivered, and the
+// promise of "use TLS": encryption or no send.
+//
+// The process moves into a network namespace of its own, so that a relay
+// can listen on port 465 of a private loopback.
 #include <gtest/gtest.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <regex>
 
+#include "Base64.h"
+#include "MVLog.h"
 #include "MVRunLoop.h"
 #include "SKPSMTPMessage.h"
 #include "TestSupport.h"
@@ -49,6 +58,8 @@ class Relay {
   int port() const { return port_; }
   std::string message() const { return readFile(out_ + ".eml"); }
   std::string envelope() const { return readFile(out_ + ".envelope"); }
+  // Every byte the relay received, decrypted where TLS was used.
+  std::string wire() const { return readFile(out_ + ".wire"); }
 
  private:
   pid_t pid_ = -1;
@@ -74,6 +85,9 @@ struct Recorder : SKPSMTPMessageDelegate {
 class SKPSMTPMessageRelay : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
+    MVLog::createNewLog("test_SKPSMTPMessageRelay", true);
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0) << "no private network namespace: " << std::strerror(errno);
+    ASSERT_EQ(shell("ip link set lo up"), 0);
     dir_ = new std::string(makeTempDir("relay"));
     int rc = shell("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost"
                    " -addext subjectAltName=DNS:localhost -keyout " + *dir_ + "/key.pem -out " + *dir_ +
@@ -209,4 +223,84 @@ TEST_F(SKPSMTPMessageRelay, RefusedCredentialsAndAuthWithoutTls) {
   ASSERT_EQ(plainText.failures.size(), 1u);
   EXPECT_EQ(plainText.failures[0].code, -2);
   EXPECT_EQ(relay.message(), "");
+}
+
+TEST_F(SKPSMTPMessageRelay, UseTlsMeansEncryptionOrNoSend) {
+  const std::string plainCredentials = Base64Additions::encodeBase64ForData(std::string("\0ali\0sesame", 11));
+  struct Case {
+    const char* name;
+    std::vector<std::string> relayOptions;
+    int port;  // 0: the relay's own
+    bool wantsSecure;
+    long expectedCode;  // 0: delivered
+    const char* onTheWire;  // a command that must have reached the relay
+    const char* neverOnTheWire;
+  };
+  const Case cases[] = {
+      {"STARTTLS on the last line of the EHLO reply, in mixed case", {"--starttls-last"}, 0, true, 0, "STARTTLS",
+       nullptr},
+      // The plain-text noise offers PLAIN; the relay, over TLS, only LOGIN.
+      {"plain text right after 220 is ignored", {"--noise-after-starttls", "--exclude", "PLAIN"}, 0, true, 0,
+       "AUTH LOGIN", "AUTH PLAIN"},
+      {"no STARTTLS offered: QUIT, no password", {"--no-starttls"}, 0, true, kSKPSMTPErrorNoEncryption, "QUIT",
+       "AUTH"},
+      {"port 465 is TLS from the first byte", {"--implicit-tls", "--port", "465"}, 465, true, 0, "EHLO", nullptr},
+      {"port 465 without use TLS is still TLS", {"--implicit-tls", "--port", "465"}, 465, false, 0, "EHLO", nullptr},
+      {"use TLS off: AUTH in plain text, as asked", {"--no-starttls"}, 0, false, 0, "AUTH PLAIN", nullptr},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Relay relay(*dir_, "variant" + std::to_string(++index), c.relayOptions);
+    ASSERT_GT(relay.port(), 0);
+    auto message = makeMessage("127.0.0.1", c.port ? c.port : relay.port());
+    message->setWantsSecure(c.wantsSecure);
+    message->setValidateSSLChain(false);
+    std::string logBefore = MVLog::currentLogPath();
+    MVLog::finishWriting();
+    std::size_t logOffset = fileExists(logBefore) ? readFile(logBefore).size() : 0;
+    Recorder recorder;
+    testing::internal::CaptureStderr();
+    sendAndWait(recorder, message);
+    testing::internal::GetCapturedStderr();
+    MVLog::finishWriting();
+    std::string log = readFile(MVLog::currentLogPath()).substr(logOffset);
+
+    std::string wire = relay.wire();
+    EXPECT_NE(wire.find(c.onTheWire), std::string::npos) << wire;
+    if (c.neverOnTheWire) {
+      EXPECT_EQ(wire.find(c.neverOnTheWire), std::string::npos) << wire;
+    }
+    if (c.expectedCode == 0) {
+      EXPECT_EQ(recorder.sent, 1) << (recorder.failures.empty() ? "" : recorder.failures[0].localizedDescription);
+      EXPECT_NE(relay.envelope().find("TO archive@studio.example\n"), std::string::npos);
+    } else {
+      ASSERT_EQ(recorder.failures.size(), 1u);
+      EXPECT_EQ(recorder.failures[0].code, c.expectedCode);
+      EXPECT_EQ(recorder.failures[0].localizedDescription, "The server offered no encryption.");
+      EXPECT_NE(recorder.failures[0].localizedRecoverySuggestion.find("Neither your password nor the message"),
+                std::string::npos);
+      EXPECT_EQ(wire.find(plainCredentials), std::string::npos) << wire;
+      EXPECT_EQ(relay.message(), "");
+    }
+    // A password sent in plain text is said so once; an encrypted one never.
+    bool clearText = c.expectedCode == 0 && std::string(c.onTheWire) == "AUTH PLAIN";
+    EXPECT_EQ(log.find("without encryption") != std::string::npos, clearText) << log;
+  }
+
+  // Implicit TLS checks the certificate as STARTTLS does: the name
+  // 127.0.0.1 is not on it, and the refusal is reported as such.
+  setenv("SSL_CERT_FILE", (*dir_ + "/cert.pem").c_str(), 1);
+  Relay relay(*dir_, "implicit", {"--implicit-tls", "--port", "465"});
+  ASSERT_GT(relay.port(), 0);
+  Recorder trusted;
+  sendAndWait(trusted, makeMessage("localhost", 465));
+  EXPECT_EQ(trusted.sent, 1);
+  Recorder mismatched;
+  sendAndWait(mismatched, makeMessage("127.0.0.1", 465));
+  unsetenv("SSL_CERT_FILE");
+  ASSERT_EQ(mismatched.failures.size(), 1u);
+  EXPECT_EQ(mismatched.failures[0].domain, "OpenSSLErrorDomain");
+  EXPECT_NE(mismatched.failures[0].localizedDescription.find("certificate"), std::string::npos)
+      << mismatched.failures[0].localizedDescription;
 }

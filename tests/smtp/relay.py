@@ -1,8 +1,14 @@
 #!/usr/bin/python3
 """SMTP relay for the session tests: aiosmtpd on 127.0.0.1 with STARTTLS and
 AUTH (only after TLS). Each received message is appended to OUT.eml and its
-envelope to OUT.envelope. The chosen port is written to the READY file once
-the relay accepts connections; it runs until terminated."""
+envelope to OUT.envelope; every byte the relay received (decrypted) is
+appended to OUT.wire. The chosen port is written to the READY file once the
+relay accepts connections; it runs until terminated.
+
+Variants: --implicit-tls speaks TLS from the first byte; --no-starttls offers
+no TLS at all (and AUTH in plain text); --starttls-last lists STARTTLS, in
+mixed case, on the last line of the EHLO reply; --noise-after-starttls sends
+plain-text replies right after "220" to STARTTLS."""
 import argparse
 import random
 import signal
@@ -11,7 +17,7 @@ import sys
 import time
 
 from aiosmtpd.controller import Controller
-from aiosmtpd.smtp import MISSING, AuthResult, LoginPassword
+from aiosmtpd.smtp import MISSING, SMTP, AuthResult, LoginPassword
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--cert", required=True)
@@ -21,6 +27,11 @@ parser.add_argument("--ready", required=True)
 parser.add_argument("--user", default="ali")
 parser.add_argument("--password", default="sesame")
 parser.add_argument("--exclude", action="append", default=[], help="AUTH mechanism not to offer")
+parser.add_argument("--port", type=int, default=0, help="0 picks a free one below 32768")
+parser.add_argument("--implicit-tls", action="store_true")
+parser.add_argument("--no-starttls", action="store_true")
+parser.add_argument("--starttls-last", action="store_true")
+parser.add_argument("--noise-after-starttls", action="store_true")
 args = parser.parse_args()
 
 
@@ -34,6 +45,13 @@ class Handler:
             for rcpt in envelope.rcpt_tos:
                 f.write("TO %s\n" % rcpt)
         return "250 Message accepted for delivery"
+
+    async def handle_EHLO(self, server, session, envelope, hostname, responses):
+        session.host_name = hostname
+        if args.starttls_last and "250-STARTTLS" in responses:
+            responses = [r for r in responses if r not in ("250-STARTTLS", "250 HELP")]
+            responses.append("250 StartTLS")
+        return responses
 
     # aiosmtpd prompts "User Name\0"; most relays, and the client, use the
     # classic "Username:" and "Password:" prompts.
@@ -57,13 +75,40 @@ def authenticator(server, session, envelope, mechanism, auth_data):
 context = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
 context.load_cert_chain(args.cert, args.key)
 
+
+class RecordingSMTP(SMTP):
+    def data_received(self, data):
+        with open(args.out + ".wire", "ab") as f:
+            f.write(data)
+        super().data_received(data)
+
+    async def push(self, status):
+        if args.noise_after_starttls and status == "220 Ready to start TLS":
+            # What a man in the middle would slip in before the handshake.
+            status += "\r\n250-AUTH PLAIN LOGIN\r\n250 noise"
+        await super().push(status)
+
+
+class RecordingController(Controller):
+    def factory(self):
+        return RecordingSMTP(self.handler, **self.SMTP_kwargs)
+
+
+def make_controller(port):
+    tls = {} if args.no_starttls or args.implicit_tls else {"tls_context": context}
+    if args.implicit_tls:
+        tls["ssl_context"] = context
+    return RecordingController(Handler(), hostname="127.0.0.1", port=port, require_starttls=False,
+                               authenticator=authenticator,
+                               # Over implicit TLS aiosmtpd sees no STARTTLS, so it would never offer AUTH.
+                               auth_require_tls=not (args.no_starttls or args.implicit_tls),
+                               auth_exclude_mechanism=args.exclude, ready_timeout=10, **tls)
+
 # The client reads ports as signed 16-bit numbers: stay below 32768.
 controller = None
-for attempt in range(200):
-    port = random.randint(20000, 32000)
-    candidate = Controller(Handler(), hostname="127.0.0.1", port=port, tls_context=context,
-                           require_starttls=False, authenticator=authenticator, auth_require_tls=True,
-                           auth_exclude_mechanism=args.exclude, ready_timeout=10)
+for attempt in range(1 if args.port else 200):
+    port = args.port or random.randint(20000, 32000)
+    candidate = make_controller(port)
     try:
         candidate.start()
     except Exception:
