@@ -1,6 +1,6 @@
 // Turning a finished or failed render into the user's chosen actions, in a
 // fixed order: notification, sound, reveal, open, send to an application,
-// e-mail, text message, script.
+// e-mail, text message, push, script.
 #include <unistd.h>
 
 #include <algorithm>
@@ -166,6 +166,8 @@ void AppController::renderDidFinishSuccessfully(const RenderDescription& render)
   if (QuillonPreferences::isEqualToOne("notifyEmail")) sendEmail(render, true);
   if (QuillonPreferences::isEqualToOne("notifyText") && QuillonPreferences::isNonEmpty("txtMessagePhoneNumber"))
     sendTextMessage(render, true);
+  if (QuillonPreferences::isEqualToOne("notifyPush") && QuillonPreferences::isNonEmpty("pushTargets"))
+    sendPush(render, true);
 
   if (QuillonPreferences::isEqualToOne("notifyRunScript") && QuillonPreferences::isNonEmpty("scriptPath")) {
     std::string script = stringValue(objectForPreferenceDictionaryKey("scriptPath"));
@@ -221,6 +223,8 @@ void AppController::renderDidFail(const RenderDescription& render) {
   if (QuillonPreferences::isEqualToOne("notifyEmail")) sendEmail(render, false);
   if (QuillonPreferences::isEqualToOne("notifyText") && QuillonPreferences::isNonEmpty("txtMessageNumber"))
     sendTextMessage(render, false);
+  if (QuillonPreferences::isEqualToOne("notifyPush") && QuillonPreferences::isNonEmpty("pushTargets"))
+    sendPush(render, false);
 }
 
 bool AppController::recordBatchUnlessAnnounced(const std::string& batchID) {

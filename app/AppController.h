@@ -26,6 +26,7 @@
 #include "MVNotificationCenter.h"
 #include "MVPlistValue.h"
 #include "MVRunLoop.h"
+#include "PushTargets.h"
 #include "SKPSMTPMessage.h"
 
 class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
@@ -108,6 +109,11 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
     std::string textBody;
   };
   static Message messageForRender(const RenderDescription& render, bool success);
+
+  // Push notifications to every target of "pushTargets", sent from a thread
+  // of their own; one job in asyncJobs until all targets have answered.
+  void sendPush(const RenderDescription& render, bool success);
+  static PushMessage pushMessageForRender(const RenderDescription& render, bool success);
 
   // Compressor.
   void processQmaster();

@@ -1,5 +1,6 @@
 #include "DesktopServices.h"
 #include "FSEventsInotify.h"
+#include "HTTPCurl.h"
 #include "KeychainSecretService.h"
 #include "MVFSEvents.h"
 #include "MVKeychain.h"
@@ -15,6 +16,7 @@ void installPlatformServices() {
   installMountinfoVolumes();
   installPowerAndAlertServices();
   MVKeychain::setBackend(createSecretServiceKeychain());
+  installCurlHTTP();
 }
 
 void uninstallPlatformServices() {
