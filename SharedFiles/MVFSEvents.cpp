@@ -180,6 +180,11 @@ void MVFSEvents::stopWatching() {
   runOnMainThread([&] { stopOnMainThread(); });
 }
 
+void MVFSEvents::setPolledPaths(std::vector<std::string> paths) {
+  std::lock_guard<std::mutex> lock(pathsMutex_);
+  polledPaths_ = std::move(paths);
+}
+
 void MVFSEvents::stopOnMainThread() {
   if (streaming_ && backend_) backend_->stop();
   streaming_ = false;
@@ -197,6 +202,10 @@ void MVFSEvents::startOnMainThread(const std::vector<std::string>& paths, double
     }
   }
   if (backend_) {
+    {
+      std::lock_guard<std::mutex> lock(pathsMutex_);
+      backend_->setPolledPaths(polledPaths_);
+    }
     backend_->start(paths, interval, [this](const std::vector<MVFSEventRecord>& records) { deliver(records); });
     streaming_ = true;
   } else {

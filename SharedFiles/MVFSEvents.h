@@ -19,9 +19,14 @@
 // appears. When the system's limit on watches is reached, one log line says
 // so and the folders already watched stay watched.
 //
-// Platforms: on Linux the backend is inotify (one instance for the stream);
-// on macOS it would be the FSEvents service. The platform start-up installs
-// its backend with setBackendFactory().
+// Folders whose changes the platform's service cannot see (on Linux: shares
+// and FUSE file systems, where inotify reports only what this machine
+// writes) are read again every 2 seconds instead, and any folder can be
+// polled on request (setPolledPaths); the records are the same.
+//
+// Platforms: on Linux the backend is inotify (one instance for the stream)
+// with polling beside it; on macOS it would be the FSEvents service. The
+// platform start-up installs its backend with setBackendFactory().
 //
 // Threads: operations may be called from any thread; they run on the main
 // thread (a call from another thread waits for it). The delegate is called on
@@ -75,6 +80,9 @@ class MVFSEvents {
   void removeWatchPaths(const std::vector<std::string>& paths, double interval);
   // Ends the stream and clears the path list.
   void stopWatching();
+  // Folders (and everything below them) to poll rather than leave to the
+  // platform's notices, from the next start on.
+  void setPolledPaths(std::vector<std::string> paths);
 
   std::vector<std::string> watchPaths() const;
   void setWatchPaths(std::vector<std::string> paths);
@@ -103,4 +111,5 @@ class MVFSEvents {
   std::atomic<bool> running_{false};
   mutable std::mutex pathsMutex_;
   std::vector<std::string> watchPaths_;
+  std::vector<std::string> polledPaths_;
 };

@@ -69,6 +69,11 @@ class MVFSEventsBackend {
   // every change of its path list) loses no event and re-reads no folder that
   // stays watched.
   virtual void stop() = 0;
+
+  // Folders to read again every few seconds instead of waiting for the
+  // service's notices (the user knows that others write there unseen).
+  // Taken into account at the next start.
+  virtual void setPolledPaths(const std::vector<std::string>& paths) { (void)paths; }
 };
 
 // Gathers the changes a backend notices into batches the way the macOS

@@ -298,6 +298,7 @@ TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
       GTEST_SKIP() << "no user namespace with its own watch limit here:\n" << output;
     EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
     EXPECT_NE(output.find("fs.inotify.max_user_watches"), std::string::npos) << output;
+    EXPECT_NE(output.find("polled instead"), std::string::npos) << output;
     return;
   }
 
@@ -310,6 +311,10 @@ TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
   MVFSEvents::sharedController().startWatchingPaths({root});
   writeFile(root + "/still-watched.mov", "x");
   EXPECT_TRUE(recorder.waitFor(slash(root)));
+  // The folders beyond the limit are polled instead.
+  MVRunLoop::main().runFor(1.0);
+  writeFile(root + "/folder19/polled.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/folder19"), 0, 7));
 
   // Shown to the parent: the line from the log file, or, where the log
   // cannot be opened, the complaint that prints it.

@@ -132,7 +132,8 @@ struct Pass {
 
 class InotifyStream final : public MVFSEventsBackend {
  public:
-  InotifyStream() : batcher_([this](std::vector<MVFSEventRecord> records) { deliver(records); }) {}
+  explicit InotifyStream(InotifyOptions options)
+      : options_(std::move(options)), batcher_([this](std::vector<MVFSEventRecord> records) { deliver(records); }) {}
   ~InotifyStream() override {
     if (releaseTimer_) releaseTimer_->invalidate();
     release();
@@ -177,6 +178,7 @@ class InotifyStream final : public MVFSEventsBackend {
     return watch.isFile ? folderPath(InotifyWatchTable::parentOf(path)) : folderPath(path);
   }
 
+  InotifyOptions options_;
   UniqueFd fd_;
   std::shared_ptr<MVIOSource> source_;
   std::shared_ptr<MVTimer> releaseTimer_;
@@ -492,6 +494,8 @@ void InotifyStream::watchTree(const std::string& top, int parentWd, bool followT
   // `name` and `ownName` may point into the frame below, so they are used
   // only before the new frame is pushed.
   auto enter = [&](int at, const char* name, int parent, std::string_view ownName, bool follow) {
+    // Polled instead; not even looked up, as a share may not answer.
+    if (options_.skip && options_.skip(path)) return true;
     // Watch first, list second: anything created in between shows up in the
     // listing or as an event, never in neither.
     int wd = inotify_add_watch(fd_.get(), path.c_str(), kFolderMask | (follow ? 0 : IN_DONT_FOLLOW));
@@ -636,12 +640,20 @@ bool InotifyStream::linkCountCountsSubfolders(dev_t device, const std::string& p
 }
 
 void InotifyStream::reportLimit(const std::string& folder) {
-  if (limitLogged_) return;
-  limitLogged_ = true;
-  MVLog::appendLog(
-      "File system events: inotify watch limit reached at %@; folders from there on are not watched. Raise "
-      "fs.inotify.max_user_watches (sysctl) to watch them all.",
-      folder);
+  std::string root;
+  for (const auto& [path, state] : roots_)
+    if (InotifyWatchTable::isWithin(folder, path) && path.size() > root.size()) root = path;
+  if (!limitLogged_) {
+    limitLogged_ = true;
+    MVLog::appendLog(options_.onLimit ? "File system events: inotify watch limit reached at %@; the rest of %@ is "
+                                        "polled instead. Raise fs.inotify.max_user_watches (sysctl) to have inotify "
+                                        "watch it all."
+                                      : "File system events: inotify watch limit reached at %@; folders of %@ from "
+                                        "there on are not watched. Raise fs.inotify.max_user_watches (sysctl) to "
+                                        "watch them all.",
+                     folder, root.empty() ? folder : root);
+  }
+  if (options_.onLimit && !root.empty()) options_.onLimit(root);
 }
 
 bool InotifyStream::coveredByPresentRoot(const std::string& path, const std::string& except) const {
@@ -664,6 +676,8 @@ bool InotifyStream::hasPendingRoots() const {
 
 }  // namespace
 
-std::unique_ptr<MVFSEventsBackend> createInotifyBackend() { return std::make_unique<InotifyStream>(); }
+std::unique_ptr<MVFSEventsBackend> createInotifyOnlyBackend(InotifyOptions options) {
+  return std::make_unique<InotifyStream>(std::move(options));
+}
 
 }  // namespace quillon

@@ -1,0 +1,206 @@
+// The event stream on shares, where inotify does not see what other
+// machines write: bindfs mounts in a private mount namespace stand in for
+// the share, and writes into the folder under them for the other machine.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "FSEventsInotify.h"
+#include "MVFSEvents.h"
+#include "MVLog.h"
+#include "MVRunLoop.h"
+#include "TestSupport.h"
+
+namespace fs = std::filesystem;
+using quillon_test::makeTempDir;
+using quillon_test::readFile;
+using quillon_test::waitUntil;
+using quillon_test::writeFile;
+
+namespace {
+
+std::string slash(const std::string& path) { return path + "/"; }
+
+void append(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::app) << text; }
+
+class Recorder : public MVFSEventsDelegate {
+ public:
+  Recorder() { MVFSEvents::sharedController().setDelegate(this); }
+  void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
+    for (const auto& event : events)
+      records.emplace_back(*event["path"].string(), std::stoul(*event["flag"].string(), nullptr, 16));
+  }
+  bool saw(const std::string& path, unsigned long flags = 0) const {
+    for (const auto& [p, f] : records)
+      if (p == path && (f & flags) == flags) return true;
+    return false;
+  }
+  bool waitFor(const std::string& path, unsigned long flags = 0, double seconds = 7) {
+    return waitUntil([&] { return saw(path, flags); }, seconds);
+  }
+  std::vector<std::pair<std::string, unsigned long>> records;
+};
+
+// A FUSE mount of `source` at `mountPoint`, served by a bindfs daemon.
+class BindfsShare {
+ public:
+  BindfsShare(const std::string& source, const std::string& mountPoint) : mountPoint_(mountPoint) {
+    fs::create_directories(mountPoint);
+    pid_ = std::atoi(
+        quillon_test::shellOutput("bindfs -f '" + source + "' '" + mountPoint + "' >/dev/null 2>&1 & echo $!").c_str());
+    mounted_ = pid_ > 0 && waitUntil([&] { return mountinfo().find(" " + mountPoint + " ") != std::string::npos; }, 10);
+  }
+  ~BindfsShare() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGCONT);
+    ::umount2(mountPoint_.c_str(), MNT_DETACH);
+    ::kill(pid_, SIGTERM);
+  }
+  bool mounted() const { return mounted_; }
+  void pause() { ::kill(pid_, SIGSTOP); }
+  void resume() { ::kill(pid_, SIGCONT); }
+  bool unmount() { return ::umount2(mountPoint_.c_str(), 0) == 0; }
+
+ private:
+  static std::string mountinfo() { return readFile("/proc/self/mountinfo"); }
+  std::string mountPoint_;
+  int pid_ = -1;
+  bool mounted_ = false;
+};
+
+std::string logText() {
+  MVLog::finishWriting();
+  return quillon_test::fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : "";
+}
+
+class PolledStream : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+      GTEST_SKIP() << "no private mount namespace: " << std::strerror(errno);
+    if (quillon_test::shell("command -v bindfs >/dev/null") != 0) GTEST_SKIP() << "bindfs is not installed";
+    MVLog::createNewLog("test_MVFSEventsPoll", true);
+    MVFSEvents::setBackendFactory(quillon::createInotifyBackend);
+  }
+  void TearDown() override {
+    MVFSEvents::sharedController().stopWatching();
+    MVFSEvents::sharedController().setPolledPaths({});
+  }
+  // The first scan of a polled tree records it without reporting.
+  static void letFirstScanFinish() { MVRunLoop::main().runFor(1.0); }
+};
+
+}  // namespace
+
+TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
+  const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
+  fs::create_directories(source + "/Renders");
+  writeFile(source + "/Renders/growing.mov", "first part");
+  BindfsShare mount(source, share);
+  ASSERT_TRUE(mount.mounted());
+  Recorder recorder;
+  MVFSEvents::sharedController().startWatchingPaths({share});
+  // Idle rounds report nothing.
+  MVRunLoop::main().runFor(4.5);
+  EXPECT_TRUE(recorder.records.empty()) << recorder.records.front().first;
+
+  const std::string renders = source + "/Renders";
+  struct Step {
+    const char* what;
+    std::function<void()> write;
+    std::string expected;
+  };
+  const std::vector<Step> steps = {
+      {"new file", [&] { writeFile(renders + "/new.mov", "x"); }, slash(share + "/Renders")},
+      {"file grows, folder unchanged",
+       [&] {
+         const auto folderTime = fs::last_write_time(renders);
+         append(renders + "/growing.mov", " and more");
+         fs::last_write_time(renders, folderTime);
+       },
+       slash(share + "/Renders")},
+      {"new subfolder with a file",
+       [&] {
+         fs::create_directories(renders + "/Shot 2");
+         writeFile(renders + "/Shot 2/take.mov", "x");
+       },
+       slash(share + "/Renders/Shot 2")},
+      {"the new subfolder is watched", [&] { append(renders + "/Shot 2/take.mov", "y"); },
+       slash(share + "/Renders/Shot 2")},
+      {"renamed", [&] { fs::rename(renders + "/new.mov", renders + "/final.mov"); }, slash(share + "/Renders")},
+      {"deleted", [&] { fs::remove(renders + "/final.mov"); }, slash(share + "/Renders")},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    recorder.records.clear();
+    step.write();
+    EXPECT_TRUE(recorder.waitFor(step.expected));
+  }
+  EXPECT_NE(logText().find("polling " + share + " every 2 s (on fuse"), std::string::npos);
+
+  ASSERT_TRUE(mount.unmount());
+  EXPECT_TRUE(recorder.waitFor(slash(share), kMVFSEventFlagUnmount));
+}
+
+TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
+  const std::string source = makeTempDir("nas-disk"), videos = makeTempDir("Videos");
+  BindfsShare mount(source, videos + "/NAS");
+  ASSERT_TRUE(mount.mounted());
+  Recorder recorder;
+  MVFSEvents::sharedController().startWatchingPaths({videos});
+  letFirstScanFinish();
+
+  writeFile(source + "/from-render-node.mov", "x");
+  writeFile(videos + "/local.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(videos)));
+  EXPECT_TRUE(recorder.waitFor(slash(videos + "/NAS")));
+  // bindfs's mounts are "fuse" or "fuse.bindfs", depending on who mounts them.
+  EXPECT_NE(logText().find("polling " + videos + "/NAS every 2 s (fuse"), std::string::npos);
+  EXPECT_NE(logText().find("mounted inside " + videos + ")"), std::string::npos);
+}
+
+TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
+  const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
+  const std::string local = makeTempDir("Renders");
+  BindfsShare mount(source, share);
+  ASSERT_TRUE(mount.mounted());
+  Recorder recorder;
+  MVFSEvents::sharedController().startWatchingPaths({local, share});
+  letFirstScanFinish();
+
+  mount.pause();
+  writeFile(source + "/while-stopped.mov", "x");
+  MVRunLoop::main().runFor(2.5);  // the next scan of the share is now stuck
+  writeFile(local + "/render.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(local), 0, 2.5));
+  // Until "does not answer" is logged.
+  EXPECT_TRUE(waitUntil([] { return logText().find("does not answer") != std::string::npos; }, 10));
+  EXPECT_FALSE(recorder.saw(slash(share)));
+
+  mount.resume();
+  EXPECT_TRUE(recorder.waitFor(slash(share), 0, 8));
+  EXPECT_NE(logText().find(share + " answers again"), std::string::npos);
+}
+
+TEST_F(PolledStream, PollingCanBeAskedForOnALocalFolder) {
+  const std::string videos = makeTempDir("Videos");
+  fs::create_directories(videos + "/Exports");
+  Recorder recorder;
+  MVFSEvents::sharedController().setPolledPaths({videos + "/Exports/"});
+  MVFSEvents::sharedController().startWatchingPaths({videos});
+  letFirstScanFinish();
+
+  writeFile(videos + "/Exports/render.mov", "x");
+  writeFile(videos + "/other.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(videos + "/Exports")));
+  EXPECT_TRUE(recorder.waitFor(slash(videos)));
+  EXPECT_NE(logText().find("polling " + videos + "/Exports every 2 s (watchFoldersPolled asks for it)"),
+            std::string::npos);
+}
