@@ -7,12 +7,14 @@ QUILLON_BUILD_PACKAGES=(
   build-essential cmake pkg-config ccache
   libplist-dev libxml2-dev libglib2.0-dev libsecret-1-dev libcanberra-dev
   libgtk-3-dev libx11-dev libssl-dev
+  libgtk-4-dev libadwaita-1-dev
 )
 QUILLON_TEST_PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   dbus dbus-daemon dbus-x11 python3-dbusmock python3-aiosmtpd
   gnome-keyring libsecret-tools xvfb xdotool x11-utils libglib2.0-bin procps openssl util-linux
   clang-14 libclang-rt-14-dev
+  python3-pyatspi at-spi2-core appstream
 )
 
 quillon_missing_packages() {
