@@ -49,6 +49,9 @@ int runPhone(const Arguments& arguments);
 int runCarriers(const Arguments& arguments);
 int runCarrier(const Arguments& arguments);
 int runTest(const Arguments& arguments);
+int runPush(const Arguments& arguments);
+// Sends a sample push to every target and prints each outcome.
+int testPush();
 int runHelp(const Arguments& arguments);
 
 // Stores `identifier` as the text carrier after checking the carrier table.

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "MVLocalPaths.h"
+#include "PushTargets.h"
 #include "QuillonPreferences.h"
 
 namespace fs = std::filesystem;
@@ -56,6 +57,9 @@ const std::vector<SettingDescription>& allSettings() {
       {kWatchAMEQueueKey, SettingKind::Switch, "watch the Media Encoder queue", "off"},
       {kWatchPremiereRendersKey, SettingKind::Switch, "watch Premiere renders", "off"},
       {kWatchFoldersKey, SettingKind::FolderList, "folders watched for finished files", "no folder is watched"},
+      {"watchFoldersPolled", SettingKind::FolderList,
+       "folders read again every 2 s instead of waiting for change notices",
+       "only shares and FUSE mounts are polled"},
       {kOnlyWhenInactiveKey, SettingKind::Switch,
        "skip a success notice while the rendering application is frontmost", "off"},
       {kNotifyGrowlKey, SettingKind::Switch, "desktop notification on success and on failure", "on"},
@@ -72,6 +76,8 @@ const std::vector<SettingDescription>& allSettings() {
       {kTxtMessageNumberKey, SettingKind::PhoneNumber, "phone number tested before texting a failure",
        "no text message on failure"},
       {kSelectedTextCarrierKey, SettingKind::Carrier, "mobile carrier whose gateway receives the text", "att"},
+      {kNotifyPushKey, SettingKind::Switch, "push to the phone and team chat on success and on failure", "off"},
+      {kPushTargetsKey, SettingKind::PushTargetList, "where pushes go (secrets in the secret store)", "no push target"},
       {kNotifyRunScriptKey, SettingKind::Switch, "run scriptPath after a successful render", "off"},
       {kScriptPathKey, SettingKind::ScriptPath, "script to run; its extension chooses how", "no script"},
       {kLogoutActionKey, SettingKind::LogoutAction, "afterwards: 0 nothing, 1 sleep, 2 log out, 3 shut down",
@@ -162,11 +168,13 @@ ParsedSetting parseSetting(const SettingDescription& setting, const std::string&
     case SettingKind::Text:
       return {MVPlistValue(text), {}};
     case SettingKind::FolderList:
-      return failure(key + " is a list: use 'watch-folders add|remove|list'");
+      return failure(key + " is a list: use 'watch-folders add|remove|poll|unpoll|list'");
     case SettingKind::PhoneNumber:
       return failure(key + " is stored encrypted: use 'phone NUMBER'");
     case SettingKind::Carrier:
       return failure(key + " is chosen with 'carrier ID' (see 'carriers')");
+    case SettingKind::PushTargetList:
+      return failure(key + " is a list: use 'push add|remove|list'");
   }
   return failure("cannot set " + key);
 }

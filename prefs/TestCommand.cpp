@@ -136,10 +136,11 @@ int testMail(bool textMessage) {
 
 int runTest(const Arguments& arguments) {
   const Command& command = *findCommand("test");
-  if (arguments.size() != 1) return usageError(command, "test needs one of notification, email, text");
+  if (arguments.size() != 1) return usageError(command, "test needs one of notification, email, text, push");
   if (arguments[0] == "notification") return testNotification();
   if (arguments[0] == "email") return testMail(false);
   if (arguments[0] == "text") return testMail(true);
+  if (arguments[0] == "push") return testPush();
   return usageError(command, "unknown test '" + arguments[0] + "'");
 }
 
