@@ -6,7 +6,7 @@ set -euo pipefail
 QUILLON_BUILD_PACKAGES=(
   build-essential cmake pkg-config ccache
   libplist-dev libxml2-dev libglib2.0-dev libsecret-1-dev libcanberra-dev
-  libgtk-3-dev libx11-dev libssl-dev
+  libgtk-3-dev libx11-dev libssl-dev libcurl4-openssl-dev
   libgtk-4-dev libadwaita-1-dev
 )
 QUILLON_TEST_PACKAGES=(
