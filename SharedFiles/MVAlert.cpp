@@ -185,7 +185,6 @@ MVAlert::ReturnCode MVAlert::timedAlertSheetWithMessageText(const std::string& m
                                                             const std::string& informativeText,
                                                             MVWindowRef parentWindow, int interval) {
   auto alert = std::make_shared<MVAlert>();
-  alert->countingDown_ = true;
   // The countdown holds its own reference: an alert answered early lives on
   // until the countdown has finished sleeping.
   MVRunLoop::detachThread([alert, interval] { alert->defaultReturnAfterTimeInterval(interval); });
@@ -233,9 +232,9 @@ void MVAlert::alertSheetWithDictionary(const MVPlistValue& dictionary) {
   setAlert(shown);
   if (!shown) {
     consoleLine(backend ? "Alert error: the alert could not be shown" : "Alert error: no alert service is installed");
-    // Nobody can answer it. A countdown, when there is one, still ends it
-    // with the default code; otherwise it ends here, as if dismissed.
-    if (!countingDown_) ended(kOtherReturn);
+    // Nobody can see it, so nobody can answer it: it ends here, as if
+    // dismissed. A countdown must not take the default for an unseen alert.
+    ended(kOtherReturn);
   }
 }
 

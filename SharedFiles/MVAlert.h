@@ -25,6 +25,9 @@
 // dictionaries. The box starts checked when the stored value is true or 1,
 // and every toggle writes the boolean back at once.
 //
+// An alert that cannot be shown at all ends at once with -1, countdown or
+// not: a countdown never takes the default for an alert nobody saw.
+//
 // Linux: with a display (X11 or Wayland), a GTK 3 message dialog raised above
 // other windows; without one, a desktop notification whose actions are the
 // buttons (a server without actions still lets a timed alert count down).
@@ -137,7 +140,8 @@ class MVAlert final : public MVAlertDelegate, public std::enable_shared_from_thi
                                               const std::optional<std::string>& suppressionBinding);
 
   // Blocking; ends by itself with the default code after `interval` whole
-  // seconds, whatever the user did meanwhile.
+  // seconds, whatever the user did meanwhile. -1 at once when the alert
+  // could not be shown.
   static ReturnCode timedAlertSheetWithMessageText(const std::string& messageText,
                                                    const std::optional<std::string>& defaultButton,
                                                    const std::optional<std::string>& alternateButton,
@@ -181,7 +185,6 @@ class MVAlert final : public MVAlertDelegate, public std::enable_shared_from_thi
   std::atomic<MVAlertDelegate*> delegate_{nullptr};
   std::atomic<bool> alertEnded_{false};
   std::atomic<ReturnCode> returnCode_{0};
-  std::atomic<bool> countingDown_{false};
   mutable std::mutex mutex_;  // guards the two fields below
   std::shared_ptr<Backend::Shown> alert_;
   DidEndCallback didEnd_;

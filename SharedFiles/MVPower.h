@@ -6,9 +6,12 @@
 // report to at that moment. The operations may be called from any thread;
 // the agent calls them on the main thread.
 //
-// Linux: systemd-logind on the system bus (the address in
-// DBUS_SYSTEM_BUS_ADDRESS when set, the standard socket otherwise): sleep is
-// Suspend, shut down is PowerOff, log out terminates the caller's session.
+// Linux: log out and shut down ask the desktop's session manager on the
+// session bus first (GNOME's Logout without confirmation and Shutdown, or
+// KDE's), so that an application with unsaved work can stop them; only
+// without one do they go to systemd-logind on the system bus (the address in
+// DBUS_SYSTEM_BUS_ADDRESS when set, the standard socket otherwise), which
+// powers off or terminates the caller's session. Sleep is logind's Suspend.
 // macOS: the Finder and System Events scripts, the log-out confirmation
 // answered.
 #pragma once

@@ -7,6 +7,7 @@
 
 #include "AppController.h"
 #include "MVAlert.h"
+#include "MVLog.h"
 #include "MVPower.h"
 #include "PowerActionsTesting.h"
 #include "QuillonPreferences.h"
@@ -69,6 +70,14 @@ void AppController::performPostRenderActions() {
   if (interval <= 0) interval = action.countdownSeconds;
   MVAlert::ReturnCode code = MVAlert::timedAlertSheetWithMessageText(
       action.messageText, action.defaultButton, "Cancel", std::nullopt, action.informativeText, nullptr, interval);
+  if (code == MVAlert::kOtherReturn) {
+    // The alert has no such button: it could not be shown at all. An action
+    // nobody was asked about, and nobody could stop, is not performed.
+    MVLog::appendLog("%@ was not performed: no alert could be shown to ask first (no display and no notification "
+                     "service)",
+                     action.defaultButton);
+    return;
+  }
   if (code != MVAlert::kDefaultReturn) return;
 
   auto perform = action.perform;

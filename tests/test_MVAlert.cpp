@@ -167,12 +167,12 @@ TEST_F(MVAlertLogic, CountdownEndsTheAlertWithTheDefaultCode) {
   auto timer = MVRunLoop::main().scheduleTimer(0.05, false, [&] { alerts_->answer(MVAlert::kAlternateReturn); });
   EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 30), 0);
 
-  // Nothing could be shown: a plain alert ends at once, a timed one still
-  // counts down to its default.
+  // Nothing could be shown: a plain alert and a timed one both end at once,
+  // the timed one without taking its default for an alert nobody saw.
   alerts_->refuse = true;
   testing::internal::CaptureStderr();
   EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "i", nullptr), -1);
-  EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 1), 1);
+  EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 30), -1);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Alert error: the alert could not be shown"),
             std::string::npos);
 }

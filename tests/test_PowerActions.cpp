@@ -1,6 +1,7 @@
 // The post-render power actions end to end: settings, the alert (as a
 // notification, and as a GTK dialog on a private X server) and the request
-// that reaches a mocked logind.
+// that reaches a mocked session manager on the private session bus or a
+// mocked logind.
 //
 // Safety: this process must never reach the machine's own logind. Before
 // any test runs, DBUS_SYSTEM_BUS_ADDRESS is pointed at a private bus with
@@ -269,6 +270,67 @@ TEST_F(PowerActions, DialogOnADisplayCancelsOrCountsDown) {
   EXPECT_EQ(requests[0].method, "PowerOff");
   EXPECT_TRUE(notifications().callsTo("Notify").empty());
   unsetenv("DISPLAY");
+}
+
+TEST_F(PowerActions, LogOutAndShutDownAskTheSessionManagerFirst) {
+  struct Manager {
+    const char* name;
+    const char* busName;
+    const char* path;
+    const char* interface;
+    // Method, input signature and the arguments it must receive.
+    std::string logOut, logOutSignature;
+    std::vector<std::string> logOutArgs;
+    std::string shutDown, shutDownSignature;
+    std::vector<std::string> shutDownArgs;
+  };
+  const Manager managers[] = {
+      {"GNOME", "org.gnome.SessionManager", "/org/gnome/SessionManager", "org.gnome.SessionManager", "Logout", "u",
+       {"1"}, "Shutdown", "", {}},
+      {"KDE Plasma", "org.kde.Shutdown", "/Shutdown", "org.kde.Shutdown", "logout", "", {}, "logoutAndShutdown", "",
+       {}},
+      {"older KDE", "org.kde.ksmserver", "/KSMServer", "org.kde.KSMServerInterface", "logout", "iii",
+       {"0", "0", "-1"}, "logout", "iii", {"0", "2", "-1"}},
+  };
+  for (const Manager& m : managers) {
+    SCOPED_TRACE(m.name);
+    power_test::MockService manager(gPeers->sessionBus, power_test::MockService::Bare{m.interface}, m.busName, m.path);
+    ASSERT_TRUE(manager.started());
+    for (const auto& [method, signature] : {std::pair(m.logOut, m.logOutSignature), {m.shutDown, m.shutDownSignature}})
+      ASSERT_TRUE(manager.mock("AddMethod", std::string(m.interface) + " " + method + " \"'" + signature +
+                                                "'\" \"''\" \"''\""));
+    ASSERT_TRUE(logind().clearCalls());
+    controller_.logOutUser();
+    controller_.shutdownComputer();
+    controller_.sleepComputer();
+    auto calls = manager.calls();
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[0].method, m.logOut);
+    EXPECT_EQ(calls[0].args, m.logOutArgs);
+    EXPECT_EQ(calls[1].method, m.shutDown);
+    EXPECT_EQ(calls[1].args, m.shutDownArgs);
+    // Sleep asks nobody's consent: logind alone.
+    auto requests = powerRequests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "Suspend");
+  }
+}
+
+TEST_F(PowerActions, NoAlertThatCanBeSeenMeansNoAction) {
+  // No display and a session bus without a notification server.
+  power_test::PrivateBus emptyBus{std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh"};
+  ASSERT_TRUE(emptyBus.running());
+  setenv("DBUS_SESSION_BUS_ADDRESS", emptyBus.address().c_str(), 1);
+  setLogoutAction(3);
+  MVLog::finishWriting();
+  const std::size_t logStart = quillon_test::readFile(MVLog::currentLogPath()).size();
+  performPostRenderActions();
+  setenv("DBUS_SESSION_BUS_ADDRESS", gPeers->sessionBus.address().c_str(), 1);
+
+  EXPECT_TRUE(powerRequests().empty());
+  MVLog::finishWriting();
+  std::string log = quillon_test::readFile(MVLog::currentLogPath()).substr(logStart);
+  EXPECT_NE(log.find("Shut down was not performed: no alert could be shown to ask first"), std::string::npos) << log;
 }
 
 TEST_F(PowerActions, SleepWaitsTheFullThirtySecondsWhenNobodyAnswers) {

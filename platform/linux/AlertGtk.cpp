@@ -327,7 +327,7 @@ std::vector<ShownAlertDescription> shownGtkAlertsForTesting() {
 
 void installPowerAndAlertServices() {
   MVAlert::setBackend(std::make_shared<LinuxAlerts>());
-  MVPower::setBackend(createLogindPowerBackend());
+  MVPower::setBackend(createSessionPowerBackend(createLogindPowerBackend()));
 }
 
 }  // namespace quillon

@@ -3,7 +3,9 @@
 // Alerts: a GTK 3 dialog when a display can be opened (DISPLAY or
 // WAYLAND_DISPLAY, decided afresh for every alert), otherwise a desktop
 // notification on the session bus whose actions are the alert's buttons.
-// Power: systemd-logind on the system bus.
+// Power: log out and shut down through the desktop's session manager on the
+// session bus (GNOME, or KDE), systemd-logind on the system bus without one;
+// sleep through logind.
 #pragma once
 
 #include <memory>
@@ -22,6 +24,9 @@ void installPowerAndAlertServices();
 std::shared_ptr<MVAlert::Backend> createGtkAlertBackend();
 std::shared_ptr<MVAlert::Backend> createNotificationAlertBackend();
 std::shared_ptr<MVPower::Backend> createLogindPowerBackend();
+// Log out and shut down through the session manager when one runs, else
+// through `logind`; sleep always through `logind`.
+std::shared_ptr<MVPower::Backend> createSessionPowerBackend(std::shared_ptr<MVPower::Backend> logind);
 
 // What the GTK alerts on the screen show, for tests that drive them with
 // a real X server: the window title, the texts, the buttons in screen order

@@ -111,6 +111,17 @@ class MockService {
     started_ = pollUntil([&] { return bus_.hasOwner(busName_); }, 30);
   }
 
+  // A bare python3-dbusmock object, its methods to be added with AddMethod.
+  struct Bare {
+    std::string interface;
+  };
+  MockService(const PrivateBus& bus, const Bare& bare, const std::string& busName, const std::string& path)
+      : bus_(bus), busName_(busName), path_(path) {
+    process_.start("env DBUS_SESSION_BUS_ADDRESS='" + bus.address() + "' /usr/bin/python3 -m dbusmock --session " +
+                   busName + " " + path + " " + bare.interface + " >/dev/null 2>&1");
+    started_ = pollUntil([&] { return bus_.hasOwner(busName_); }, 30);
+  }
+
   bool started() const { return started_; }
 
   std::vector<MockCall> calls() const {
