@@ -63,6 +63,14 @@ void AppController::startFolderWatcher() {
   if (const MVPlistValue::Array* list = folders.array())
     for (const MVPlistValue& entry : *list)
       if (const std::string* s = entry.string()) paths.push_back(*s);
+  // Folders the user wants read again every few seconds (a share whose
+  // writes by other machines the system does not announce).
+  std::vector<std::string> polled;
+  MVPlistValue polledFolders = objectForPreferenceDictionaryKey("watchFoldersPolled");
+  if (const MVPlistValue::Array* list = polledFolders.array())
+    for (const MVPlistValue& entry : *list)
+      if (const std::string* s = entry.string()) polled.push_back(*s);
+  MVFSEvents::sharedController().setPolledPaths(polled);
   watchPaths(paths);
 }
 

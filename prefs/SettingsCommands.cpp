@@ -125,7 +125,7 @@ int runUnset(const Arguments& arguments) {
 
 int runWatchFolders(const Arguments& arguments) {
   const Command& command = *findCommand("watch-folders");
-  if (arguments.empty()) return usageError(command, "watch-folders needs list, add or remove");
+  if (arguments.empty()) return usageError(command, "watch-folders needs list, add, remove, poll or unpoll");
   const std::string& action = arguments[0];
   Arguments paths(arguments.begin() + 1, arguments.end());
 
@@ -137,8 +137,13 @@ int runWatchFolders(const Arguments& arguments) {
       for (const auto& folder : *folders) std::cout << (folder.string() ? *folder.string() : folder.description()) << "\n";
     return kSucceeded;
   }
-  if (action != "add" && action != "remove") return usageError(command, "unknown action '" + action + "'");
+  if (action != "add" && action != "remove" && action != "poll" && action != "unpoll")
+    return usageError(command, "unknown action '" + action + "'");
   if (paths.empty()) return usageError(command, action + " needs at least one folder");
+  // poll and unpoll edit the list of folders read again every few seconds
+  // (shares whose changes the system does not announce) the same way.
+  const bool adding = action == "add" || action == "poll";
+  const char* key = action == "poll" || action == "unpoll" ? "watchFoldersPolled" : kWatchFoldersKey;
 
   // Every path is checked before anything is changed: one bad path in a
   // list leaves the whole list as it was.
@@ -146,16 +151,15 @@ int runWatchFolders(const Arguments& arguments) {
   for (const auto& path : paths) {
     std::string full = absolutePath(path);
     struct stat info {};
-    if (action == "add" && (::stat(full.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)))
+    if (adding && (::stat(full.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)))
       return fail("not a folder: " + full + " (nothing was changed)");
     absolute.push_back(full);
   }
   return editSettings([&](SettingsFile& settings, std::string& error) {
-    MVPlistValue folders = settings[kWatchFoldersKey];
+    MVPlistValue folders = settings[key];
     if (folders.isNil()) folders = MVPlistValue(MVPlistValue::Array{});
     if (!folders.isArray()) {
-      error = std::string(kWatchFoldersKey) + " in the settings file is not a list; 'unset " + kWatchFoldersKey +
-              "' first (nothing was changed)";
+      error = std::string(key) + " in the settings file is not a list; 'unset " + key + "' first (nothing was changed)";
       return false;
     }
     MVPlistValue::Array& list = *folders.array();
@@ -163,9 +167,9 @@ int runWatchFolders(const Arguments& arguments) {
     for (std::size_t i = 0; i < absolute.size(); ++i) {
       const std::string& path = absolute[i];
       auto found = std::find(list.begin(), list.end(), MVPlistValue(path));
-      if (action == "add") {
+      if (adding) {
         if (found != list.end()) {
-          std::cout << "already watched: " << path << "\n";
+          std::cout << (action == "add" ? "already watched: " : "already polled: ") << path << "\n";
           continue;
         }
         list.push_back(MVPlistValue(path));
@@ -174,14 +178,15 @@ int runWatchFolders(const Arguments& arguments) {
         // A folder given relative to where it was listed, or as stored.
         if (found == list.end()) found = std::find(list.begin(), list.end(), MVPlistValue(paths[i]));
         if (found == list.end()) {
-          error = "not a watch folder: " + path + " (nothing was changed)";
+          error = (action == "remove" ? "not a watch folder: " : "not a polled folder: ") + path +
+                  " (nothing was changed)";
           return false;
         }
         list.erase(found);
         changed = true;
       }
     }
-    if (changed) settings.set(kWatchFoldersKey, folders);
+    if (changed) settings.set(key, folders);
     return changed;
   });
 }
