@@ -3,9 +3,13 @@
 #include <execinfo.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
@@ -19,7 +23,45 @@ char gFolder[1024];
 char gName[256];
 char gHost[256];
 char gExecutable[1024];
-char gAltStack[64 * 1024];
+
+constexpr int kFatalSignals[] = {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGSYS, SIGTRAP};
+
+std::atomic<bool> gInstalled{false};
+// The thread writing a report, 0 when none: a second crash must not cut the
+// first report short. Lock-free, so the handler may use it.
+std::atomic<long> gReporter{0};
+static_assert(std::atomic<long>::is_always_lock_free);
+
+// Room for the handler when the thread's own stack has overflowed: its
+// buffers, the unwinder, and a guard page below so that even a handler that
+// runs out faults instead of writing over other memory.
+constexpr std::size_t kAltStackSize = 64 * 1024;
+
+struct ThreadAltStack {
+  void* base = nullptr;
+  std::size_t size = 0;
+  ~ThreadAltStack() {
+    if (!base) return;
+    stack_t off{};
+    off.ss_flags = SS_DISABLE;
+    sigaltstack(&off, nullptr);
+    munmap(base, size);
+  }
+};
+thread_local ThreadAltStack tAltStack;
+
+const char* signalName(int signo) {
+  switch (signo) {
+    case SIGSEGV: return "SIGSEGV";
+    case SIGBUS: return "SIGBUS";
+    case SIGILL: return "SIGILL";
+    case SIGFPE: return "SIGFPE";
+    case SIGABRT: return "SIGABRT";
+    case SIGSYS: return "SIGSYS";
+    case SIGTRAP: return "SIGTRAP";
+    default: return "?";
+  }
+}
 
 void append(char* buf, std::size_t size, const char* text) {
   std::size_t len = std::strlen(buf);
@@ -93,41 +135,72 @@ void writeAll(int fd, const char* text) {
   }
 }
 
-void crashHandler(int signo) {
-  time_t now = time(nullptr);
-  char path[2048] = "";
-  append(path, sizeof path, gFolder);
-  append(path, sizeof path, "/");
-  append(path, sizeof path, gName);
-  append(path, sizeof path, "_");
-  appendTimestamp(path, sizeof path, now, true);
-  append(path, sizeof path, "_");
-  append(path, sizeof path, gHost);
-  append(path, sizeof path, ".crash");
-
-  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd >= 0) {
-    char header[4096] = "Process: ";
-    append(header, sizeof header, gName);
-    append(header, sizeof header, " [");
-    appendNumber(header, sizeof header, getpid(), 1);
-    append(header, sizeof header, "]\nPath: ");
-    append(header, sizeof header, gExecutable);
-    append(header, sizeof header, "\nDate/Time: ");
-    appendTimestamp(header, sizeof header, now, false);
-    append(header, sizeof header, "\nException Type: signal ");
-    appendNumber(header, sizeof header, signo, 1);
-    append(header, sizeof header, " (");
-    append(header, sizeof header, signo == SIGSEGV ? "SIGSEGV" : signo == SIGBUS ? "SIGBUS" : signo == SIGILL ? "SIGILL"
-                                  : signo == SIGFPE ? "SIGFPE" : signo == SIGABRT ? "SIGABRT" : "?");
-    append(header, sizeof header, ")\n\nBacktrace:\n");
-    writeAll(fd, header);
-    void* frames[64];
-    int count = backtrace(frames, 64);
-    backtrace_symbols_fd(frames, count, fd);
-    close(fd);
+// Opens a report file of its own: a crash in the same second as another
+// gets "_2", "_3"... after the host name instead of overwriting it.
+int openNewReport(time_t now) {
+  for (int attempt = 1; attempt <= 50; ++attempt) {
+    char path[2048] = "";
+    append(path, sizeof path, gFolder);
+    append(path, sizeof path, "/");
+    append(path, sizeof path, gName);
+    append(path, sizeof path, "_");
+    appendTimestamp(path, sizeof path, now, true);
+    append(path, sizeof path, "_");
+    append(path, sizeof path, gHost);
+    if (attempt > 1) {
+      append(path, sizeof path, "_");
+      appendNumber(path, sizeof path, attempt, 1);
+    }
+    append(path, sizeof path, ".crash");
+    int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0 || errno != EEXIST) return fd;
   }
-  // Die of the same signal, with the default action restored.
+  return -1;
+}
+
+void writeReport(int signo) {
+  time_t now = time(nullptr);
+  int fd = openNewReport(now);
+  if (fd < 0) return;
+  char header[4096] = "Process: ";
+  append(header, sizeof header, gName);
+  append(header, sizeof header, " [");
+  appendNumber(header, sizeof header, getpid(), 1);
+  append(header, sizeof header, "]\nPath: ");
+  append(header, sizeof header, gExecutable);
+  append(header, sizeof header, "\nDate/Time: ");
+  appendTimestamp(header, sizeof header, now, false);
+  append(header, sizeof header, "\nException Type: signal ");
+  appendNumber(header, sizeof header, signo, 1);
+  append(header, sizeof header, " (");
+  append(header, sizeof header, signalName(signo));
+  append(header, sizeof header, ")\n\nBacktrace:\n");
+  writeAll(fd, header);
+  void* frames[64];
+  int count = backtrace(frames, 64);
+  backtrace_symbols_fd(frames, count, fd);
+  close(fd);
+}
+
+void crashHandler(int signo) {
+  const long self = syscall(SYS_gettid);
+  long none = 0;
+  if (!gReporter.compare_exchange_strong(none, self)) {
+    if (none != self) {
+      // Another thread is writing its report and ends the process when
+      // done. Wait for that; only if it never does (its thread is stuck)
+      // does this crash write a report of its own.
+      const timespec slice{0, 10 * 1000 * 1000};
+      for (int i = 0; i < 500; ++i) nanosleep(&slice, nullptr);
+      writeReport(signo);
+    }
+    // Otherwise the handler itself failed: what was written stays as it is.
+  } else {
+    // The claim is never given back: the process ends with this report.
+    writeReport(signo);
+  }
+  // Die of the same signal, with the default action restored: it is
+  // blocked while the handler runs and strikes as soon as it returns.
   signal(signo, SIG_DFL);
   raise(signo);
 }
@@ -152,15 +225,39 @@ void MVCrashLog::install(const std::string& applicationName) {
   void* warm[1];
   backtrace(warm, 1);
 
-  // A stack overflow leaves no stack for the handler: give it its own.
-  stack_t stack{};
-  stack.ss_sp = gAltStack;
-  stack.ss_size = sizeof gAltStack;
-  sigaltstack(&stack, nullptr);
+  gInstalled.store(true, std::memory_order_release);
+  prepareThread();
 
+  // The handler stays installed while it runs (no reset on entry): a second
+  // thread that crashes meanwhile must reach it and wait, not kill the
+  // process halfway through the first report. The other fatal signals wait
+  // while it runs.
   struct sigaction action {};
   action.sa_handler = crashHandler;
-  action.sa_flags = SA_ONSTACK | SA_RESETHAND;
+  action.sa_flags = SA_ONSTACK;
   sigemptyset(&action.sa_mask);
-  for (int signo : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT}) sigaction(signo, &action, nullptr);
+  for (int signo : kFatalSignals) sigaddset(&action.sa_mask, signo);
+  for (int signo : kFatalSignals) sigaction(signo, &action, nullptr);
+}
+
+void MVCrashLog::prepareThread() {
+  if (!gInstalled.load(std::memory_order_acquire) || tAltStack.base) return;
+  // A thread that has one already (a sanitizer gives every thread its own)
+  // keeps it.
+  stack_t current{};
+  if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE)) return;
+  const std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  const std::size_t size = kAltStackSize + page;
+  void* base = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_STACK, -1, 0);
+  if (base == MAP_FAILED) return;
+  mprotect(base, page, PROT_NONE);
+  stack_t stack{};
+  stack.ss_sp = static_cast<char*>(base) + page;
+  stack.ss_size = kAltStackSize;
+  if (sigaltstack(&stack, nullptr) != 0) {
+    munmap(base, size);
+    return;
+  }
+  tAltStack.base = base;
+  tAltStack.size = size;
 }

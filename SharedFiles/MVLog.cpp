@@ -12,6 +12,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "MVCrashLog.h"
 #include "MVLogInternal.h"
 #include "MVRunLoop.h"
 
@@ -196,7 +197,10 @@ void MVLog::State::startWriter(MVLog& log) {
   std::lock_guard<std::mutex> lock(queueMutex);
   terminated = false;
   ++generation;
-  writer = std::thread([this, &log] { writerLoop(log); });
+  writer = std::thread([this, &log] {
+    MVCrashLog::prepareThread();
+    writerLoop(log);
+  });
 }
 
 void MVLog::State::stopWriter() {

@@ -13,6 +13,8 @@
 #include <memory>
 #include <thread>
 
+#include "MVCrashLog.h"
+
 class MVTimer {
  public:
   virtual ~MVTimer() = default;
@@ -67,6 +69,12 @@ class MVRunLoop {
   virtual void run() = 0;
   virtual void stop() = 0;
 
-  // Starts a detached worker thread.
-  static void detachThread(std::function<void()> work) { std::thread(std::move(work)).detach(); }
+  // Starts a detached worker thread, with the alternate signal stack that
+  // lets a stack overflow in it still write a crash log.
+  static void detachThread(std::function<void()> work) {
+    std::thread([work = std::move(work)] {
+      MVCrashLog::prepareThread();
+      work();
+    }).detach();
+  }
 };

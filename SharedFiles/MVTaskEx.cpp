@@ -11,6 +11,7 @@
 #include <system_error>
 #include <thread>
 
+#include "MVCrashLog.h"
 #include "MVLog.h"
 #include "MVRunLoop.h"
 
@@ -247,7 +248,10 @@ void MVTaskEx::setupTimeout(long seconds, const std::shared_ptr<TimeoutState>& s
     state->finished = true;
   };
   try {
-    std::thread(sleeper).detach();
+    std::thread([sleeper] {
+      MVCrashLog::prepareThread();
+      sleeper();
+    }).detach();
   } catch (const std::system_error& error) {
     MVLog::appendLog("Unable to start the time-out thread: %@", error.what());
   }

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <thread>
 
+#include "MVCrashLog.h"
 #include "MVLog.h"
 #include "MVTaskEx.h"
 
@@ -66,7 +67,10 @@ void MVTaskEx::asyncDataFromTask(const std::string& path, const Arguments& argum
   }
   std::shared_ptr<MVTaskEx> self = shared_from_this();
   try {
-    std::thread([self, run] { self->launchAsyncTask(run); }).detach();
+    std::thread([self, run] {
+      MVCrashLog::prepareThread();
+      self->launchAsyncTask(run);
+    }).detach();
   } catch (const std::system_error& error) {
     MVLog::appendLogAndPrint("Exception: %@", error.what());
     terminateAsyncTask();

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <thread>
 
+#include "MVCrashLog.h"
+
 extern char** environ;
 
 void MVUniqueFd::reset(int fd) {
@@ -98,6 +100,7 @@ MVTaskProcess::~MVTaskProcess() {
   pid_t pid = pid_;
   try {
     std::thread([pid] {
+      MVCrashLog::prepareThread();
       int status;
       while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
       }
