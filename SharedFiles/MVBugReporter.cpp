@@ -5,9 +5,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
+#include "MVCrashLog.h"
 #include "MVProcessInfo.h"
 #include "MVLocalPaths.h"
 #include "MVLog.h"
@@ -21,21 +25,29 @@ namespace {
 
 using Date = MVPlistValue::Date;
 
+// How many of its own crash logs the agent keeps. Nothing else prunes its
+// folder, and an agent that crashes at every start would fill it.
+constexpr std::size_t kCrashLogsKept = 10;
+
+const char* const kBugReporterIdentifier = "com.morvane.BugReporter";
+
 std::string markerStorePath(const std::optional<std::string>& plistPath) {
   return plistPath ? *plistPath : MVBugReporter::defaultsPath(MVBugReporter::defaultApplicationName());
 }
 
 void recordMarker(const char* key, const std::optional<std::string>& plistPath) {
   std::string path = markerStorePath(plistPath);
-  MVPropertyList::Format format = MVPropertyList::Format::XML;
-  MVPlistValue store = MVPropertyList::read(path, &format);
+  MVPlistValue store = MVPropertyList::read(path);
   if (!store.isDictionary()) store = MVPlistValue(MVPlistValue::Dictionary{});
   store.set(key, MVPlistValue(std::chrono::system_clock::now()));
   if (!plistPath) {
     std::string folder = path.substr(0, path.rfind('/'));
     mkdir(folder.c_str(), 0700);
   }
-  if (!MVPropertyList::write(path, store, format)) return;
+  // Binary, because an XML property list keeps whole seconds only: an exit
+  // and the next launch in the same second (a quick restart) would compare
+  // equal, and a crash of that run would count as a clean end.
+  if (!MVPropertyList::write(path, store, MVPropertyList::Format::Binary)) return;
   if (plistPath) MVBugReporter::chownPlist(path);
 }
 
@@ -46,9 +58,25 @@ std::optional<Date> modificationDate(const std::string& path) {
   return Date(std::chrono::duration_cast<Date::duration>(since));
 }
 
+// The names in `folder` that begin with `prefix` (in any letter case), the
+// newest last: after the prefix, crash-log names carry the date and time.
+std::vector<std::string> crashLogNames(const std::string& folder, const std::string& prefix) {
+  std::vector<std::string> names;
+  DIR* dir = opendir(folder.c_str());
+  if (!dir) return names;
+  while (dirent* entry = readdir(dir))
+    if (strncasecmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) names.emplace_back(entry->d_name);
+  closedir(dir);
+  std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
+    int order = a.compare(prefix.size(), std::string::npos, b, prefix.size(), std::string::npos);
+    return order != 0 ? order < 0 : a < b;
+  });
+  return names;
+}
+
 // The newest crash log of the application written after `launch`, searching
-// the folders in order and taking, in each, the last matching entry of the
-// (unsorted) listing.
+// the folders in order and taking, in each, the matching name that sorts
+// last. The listing's own order is no guide: file systems list in hash order.
 std::optional<std::string> findCrashLog(const std::string& name, Date launch) {
   const std::string prefix = name + "_";
   std::vector<std::string> folders;
@@ -57,18 +85,44 @@ std::optional<std::string> findCrashLog(const std::string& name, Date launch) {
     folders.push_back(MVAppendPathComponent(MVLocalPaths::logDirectory(user), "DiagnosticReports"));
   }
   for (const std::string& folder : folders) {
-    DIR* dir = opendir(folder.c_str());
-    if (!dir) continue;
-    std::optional<std::string> last;
-    while (dirent* entry = readdir(dir))
-      if (strncasecmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) last = entry->d_name;
-    closedir(dir);
-    if (!last) continue;
-    std::string path = MVAppendPathComponent(folder, *last);
+    std::vector<std::string> names = crashLogNames(folder, prefix);
+    if (names.empty()) continue;
+    std::string path = MVAppendPathComponent(folder, names.back());
     auto modified = modificationDate(path);
     if (modified && *modified > launch) return path;
   }
   return std::nullopt;
+}
+
+// One of the logs the crash handler writes for `name`:
+// "<name>_YYYY-MM-DD-<time>....crash", in the name's own letter case.
+bool isOwnCrashLog(const std::string& fileName, const std::string& name) {
+  static const char kDatePattern[] = "dddd-dd-dd-";
+  const std::size_t dateLength = sizeof kDatePattern - 1;
+  if (fileName.compare(0, name.size() + 1, name + "_") != 0) return false;
+  if (fileName.size() < name.size() + 1 + dateLength + std::strlen(".crash") || !fileName.ends_with(".crash"))
+    return false;
+  for (std::size_t k = 0; k < dateLength; ++k) {
+    char c = fileName[name.size() + 1 + k];
+    if (kDatePattern[k] == 'd' ? !std::isdigit(static_cast<unsigned char>(c)) : c != kDatePattern[k]) return false;
+  }
+  return true;
+}
+
+// Keeps the newest of the application's own crash logs in the folder its
+// crash handler writes to. Other files there, other applications' logs
+// among them, are left alone.
+void pruneCrashLogs(const std::string& name) {
+  const std::string folder = MVCrashLog::crashLogDirectory();
+  std::vector<std::string> own;
+  for (const std::string& fileName : crashLogNames(folder, name + "_")) {
+    struct stat st {};
+    std::string path = MVAppendPathComponent(folder, fileName);
+    if (isOwnCrashLog(fileName, name) && lstat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) own.push_back(path);
+  }
+  if (own.size() <= kCrashLogsKept) return;
+  for (std::size_t k = 0; k + kCrashLogsKept < own.size(); ++k)
+    if (unlink(own[k].c_str()) != 0) MVLog::appendLog("Unable to remove old crash log %@", own[k]);
 }
 
 bool isExecutableFile(const std::string& path) {
@@ -91,7 +145,13 @@ void openWithBugReporter(const std::string& crashLog) {
       return;
     }
   }
-  // No reporter shipped: the desktop's default application for crash logs.
+  // No reporter shipped: the one installed on the desktop under its
+  // identifier, and without it the default application for crash logs.
+  std::string installed = MVWorkspace::applicationWithIdentifier(kBugReporterIdentifier);
+  if (!installed.empty()) {
+    MVWorkspace::openFile(crashLog, installed);
+    return;
+  }
   MVWorkspace::openFile(crashLog);
 }
 
@@ -123,6 +183,7 @@ void MVBugReporter::startBugReporter(const std::optional<std::string>& name, con
       delegate(*crashLog);
   }
   recordMarker("launch", plistPath);
+  pruneCrashLogs(name ? *name : defaultApplicationName());
 }
 
 void MVBugReporter::stopBugReporter() { stopBugReporter(std::nullopt); }

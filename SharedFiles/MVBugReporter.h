@@ -5,7 +5,17 @@
 // records "exit". A run whose "launch" is later than its "exit" and for which
 // a crash log newer than that launch exists, crashed. The markers live in the
 // application's own defaults (a property list named after the application in
-// the preferences folder) or in a property list the caller names.
+// the preferences folder) or in a property list the caller names, as binary
+// property lists, which keep the dates to the microsecond.
+//
+// The crash log offered is, in the first of the crash-log folders that has
+// one, the log of the application whose name sorts last (the names carry
+// the date and time). At every start only the ten newest of the
+// application's own crash logs are kept in the folder its crash handler
+// writes to. Without a bug reporter shipped beside the executable, the crash
+// log goes to the application the desktop knows as "com.morvane.BugReporter"
+// (MVWorkspace::applicationWithIdentifier), and failing that to the default
+// application for the file.
 #pragma once
 
 #include <functional>

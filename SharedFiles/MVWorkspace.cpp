@@ -50,6 +50,7 @@ std::string MVWorkspace::Backend::iconForFile(const std::string&) { return {}; }
 std::string MVWorkspace::Backend::absolutePathForAppBundleWithIdentifier(const std::string& bundleId) {
   return searchApplicationFoldersForBundleID(bundleId);
 }
+std::string MVWorkspace::Backend::applicationWithIdentifier(const std::string&) { return {}; }
 
 std::shared_ptr<MVWorkspace::Backend> MVWorkspace::setBackend(std::shared_ptr<Backend> backend) {
   std::lock_guard<std::mutex> lock(gBackendMutex);
@@ -79,6 +80,11 @@ std::string MVWorkspace::iconForFile(const std::string& path) { return backend()
 std::string MVWorkspace::pathForAppWithBundleID(const std::string& bundleId) {
   if (bundleId.empty()) return {};
   return backend()->absolutePathForAppBundleWithIdentifier(bundleId);
+}
+
+std::string MVWorkspace::applicationWithIdentifier(const std::string& identifier) {
+  if (identifier.empty()) return {};
+  return backend()->applicationWithIdentifier(identifier);
 }
 
 std::string MVWorkspace::searchApplicationFoldersForBundleID(const std::string& bundleId) {

@@ -35,6 +35,8 @@ class MVWorkspace {
     virtual std::string iconForFile(const std::string& path);
     // Default: the search of the applications folders described below.
     virtual std::string absolutePathForAppBundleWithIdentifier(const std::string& bundleId);
+    // Default: none.
+    virtual std::string applicationWithIdentifier(const std::string& identifier);
   };
 
   // Installs the platform side (or a fake); returns the one it replaces.
@@ -56,6 +58,13 @@ class MVWorkspace {
   // then the machine's applications folders, so on Linux only bundles laid
   // out as on macOS are found.
   static std::string pathForAppWithBundleID(const std::string& bundleId);
+
+  // The installed application the desktop knows by this identifier, in a
+  // form openFile accepts; "" when there is none. Linux: the desktop entry
+  // "<identifier>.desktop" as the desktop's application lookup (GIO) finds
+  // it in the applications folders of XDG_DATA_HOME and XDG_DATA_DIRS, given
+  // as its file. macOS: the bundle with that identifier.
+  static std::string applicationWithIdentifier(const std::string& identifier);
 
   // The portable bundle search, also the Backend default.
   static std::string searchApplicationFoldersForBundleID(const std::string& bundleId);

@@ -105,6 +105,56 @@ TEST_F(CrashReporterTest, MarkersDecideWhetherTheLastRunCrashed) {
   EXPECT_FALSE(MVBugReporter::checkForCrashes("Quillon", markers_));
 }
 
+// A stop and a start within one second, as a service manager's restart does,
+// and then a crash: the exit must still count as earlier than that launch.
+TEST_F(CrashReporterTest, ACrashRightAfterAQuickRestartIsReported) {
+  // Early in a second, so that the stop and the start share it.
+  auto now = std::chrono::system_clock::now();
+  std::this_thread::sleep_until(std::chrono::ceil<std::chrono::seconds>(now) + std::chrono::milliseconds(50));
+  MVBugReporter::startBugReporter("Quillon", markers_);
+  MVBugReporter::stopBugReporter(markers_);
+  MVBugReporter::startBugReporter("Quillon", markers_);
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  std::string path = crashLog("Quillon_2026-11-23-101010_host.crash", 0);
+  EXPECT_EQ(MVBugReporter::checkForCrashes("Quillon", markers_), path);
+}
+
+// Each crash adds a log; the next start must offer that one, whatever order
+// the folder lists its entries in.
+TEST_F(CrashReporterTest, TenSuccessiveCrashesAreEachReportedOnce) {
+  std::vector<std::string> written;
+  for (int crash = 0; crash <= 10; ++crash) {
+    MVBugReporter::startBugReporter("Quillon", markers_);
+    if (crash == 10) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    char name[64];
+    std::snprintf(name, sizeof name, "Quillon_2026-11-23-1010%02d_host.crash", crash);
+    written.push_back(crashLog(name, 0));
+  }
+  EXPECT_EQ(workspace_->opened(), written);
+}
+
+// Only the ten newest of the agent's own logs stay; nothing else is touched.
+TEST_F(CrashReporterTest, OldCrashLogsOfTheAgentArePruned) {
+  std::vector<std::string> own;
+  for (int day = 1; day <= 13; ++day) {
+    char name[64];
+    std::snprintf(name, sizeof name, "Quillon_2026-10-%02d-120000_host.crash", day);
+    own.push_back(crashLog(name, 3600));
+  }
+  const std::vector<std::string> others = {
+      crashLog("Quillon_2020-01-01-000000_host.txt", 3600),      // not a crash log
+      crashLog("QUILLON_2020-01-01-000000_host.crash", 3600),    // another program's spelling
+      crashLog("QuillonHelper_2020-01-01-000000_host.crash", 3600),
+      crashLog("Quillon_notes.crash", 3600),                     // not named by the crash handler
+  };
+  fs::create_directory(reports_ + "/Quillon_2020-01-01-000000_folder.crash");
+  MVBugReporter::startBugReporter("Quillon", markers_);
+  for (std::size_t k = 0; k < own.size(); ++k) EXPECT_EQ(fileExists(own[k]), k >= 3) << own[k];
+  for (const std::string& path : others) EXPECT_TRUE(fileExists(path)) << path;
+  EXPECT_TRUE(fs::is_directory(reports_ + "/Quillon_2020-01-01-000000_folder.crash"));
+}
+
 TEST_F(CrashReporterTest, FindsTheApplicationsNewCrashLogWhateverItsCase) {
   struct Case {
     const char* file;
@@ -151,17 +201,24 @@ TEST_F(CrashReporterTest, TheSwitchLogsButOpensNothing) {
 }
 
 // The agent killed by a fatal signal writes its own crash log; the next
-// start finds it and offers it to the desktop's default application, once.
+// start finds it and offers it, once, to the bug reporter installed on the
+// desktop, or without one to the desktop's default application.
 TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
-  for (int signo : {SIGSEGV, SIGABRT}) {
+  for (auto [signo, reporterInstalled] : {std::pair{SIGSEGV, false}, std::pair{SIGABRT, true}}) {
     SCOPED_TRACE(signo);
     std::string home = makeTempDir("crash-home");
-    std::string opened = home + "/opened.txt";
-    std::string recorder = home + "/record.sh";
-    writeFile(recorder, "#!/bin/sh\necho \"$1\" >> '" + opened + "'\n");
-    chmod(recorder.c_str(), 0755);
-    writeFile(home + "/.local/share/applications/quillon-crash-viewer.desktop",
-              "[Desktop Entry]\nType=Application\nName=Crash viewer\nExec=" + recorder + " %f\n");
+    auto installRecorder = [&](const std::string& entry, const std::string& record) {
+      std::string script = home + "/" + entry + ".sh";
+      writeFile(script, "#!/bin/sh\necho \"$1\" >> '" + record + "'\n");
+      chmod(script.c_str(), 0755);
+      writeFile(home + "/.local/share/applications/" + entry + ".desktop",
+                "[Desktop Entry]\nType=Application\nName=" + entry + "\nExec=" + script + " %f\n");
+    };
+    std::string viewed = home + "/viewed.txt";
+    installRecorder("quillon-crash-viewer", viewed);
+    std::string reported = home + "/reported.txt";
+    if (reporterInstalled) installRecorder("com.morvane.BugReporter", reported);
+    const std::string opened = reporterInstalled ? reported : viewed;
     std::string defaults = "[Default Applications]\n";
     for (const char* type : {"text/plain", "text/x-apport", "application/octet-stream", "application/x-crash-report"})
       defaults += std::string(type) + "=quillon-crash-viewer.desktop\n";
@@ -208,5 +265,8 @@ TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
     EXPECT_EQ(third.stop(SIGTERM), 0);
     EXPECT_EQ(third.logCount("Application crashed on last launch"), 0u);
     EXPECT_EQ(countIn(readFile(opened), "\n"), 1u);
+    if (reporterInstalled) {
+      EXPECT_FALSE(fileExists(viewed));
+    }
   }
 }

@@ -127,6 +127,13 @@ class GioWorkspace final : public MVWorkspace::Backend, public std::enable_share
     return openFile(path);
   }
 
+  std::string applicationWithIdentifier(const std::string& identifier) override {
+    // Desktop entries are named after the application's reverse-DNS identifier.
+    GObjectPtr<GDesktopAppInfo> app(g_desktop_app_info_new((identifier + ".desktop").c_str()));
+    const char* file = app ? g_desktop_app_info_get_filename(app.get()) : nullptr;
+    return file ? file : "";
+  }
+
   std::string frontmostApplicationName() override { return x11FrontmostApplicationName(); }
 
   std::string iconForFile(const std::string& path) override {
