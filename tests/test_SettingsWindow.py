@@ -5,7 +5,9 @@ settings file (read back by quillon-prefs), the keyring and the mail relay.
 
 usage: test_SettingsWindow.py QUILLON_SETTINGS QUILLON_PREFS"""
 import glob
+import http.server
 import os
+import threading
 import sys
 import time
 import unittest
@@ -92,6 +94,36 @@ class SettingsWindowTest(unittest.TestCase):
         self.assertEqual(len(envelopes), 1)
         self.assertIn("TO producer@example.com", read(envelopes[0]).decode())
         s.stop_window()
+
+    def test_3_push_target_and_test_push(self):
+        s = self.s
+        received = []
+
+        class Hook(http.server.BaseHTTPRequestHandler):
+            def do_POST(self):
+                received.append((self.path, self.rfile.read(int(self.headers["Content-Length"] or 0))))
+                self.send_response(200)
+                self.end_headers()
+
+            def log_message(self, *arguments):
+                pass
+
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Hook)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        try:
+            s.start_window()
+            s.press(s.find("page tab", "Push"))
+            time.sleep(0.5)
+            s.type_into("text", "Add push target URL", "json://127.0.0.1:%d/hook-secret" % server.server_port)
+            s.find("list item", "json://127.0.0.1:%d/****" % server.server_port)
+            self.assertNotIn("hook-secret", read(s.settings_path()).decode(errors="replace"))
+            s.press(s.find("push button", "Send test push"))
+            result = wait_for(lambda: s.find("label", ": sent", required=False), 60)
+            self.assertIsNotNone(result)
+            self.assertEqual(received[0][0], "/hook-secret")
+            s.stop_window()
+        finally:
+            server.shutdown()
 
 
 if __name__ == "__main__":

@@ -64,3 +64,14 @@ SettingsStore::Outcome SettingsStore::edit(const std::function<bool(SettingsFile
   }
   return outcome;
 }
+
+SettingsStore::Outcome SettingsStore::changedElsewhere() {
+  Outcome outcome;
+  problem_.clear();
+  file_ = SettingsFile::load(path_, problem_);
+  outcome.saved = true;
+  std::string busProblem;
+  if (!postConfigUpdate(busProblem))
+    outcome.message = "Saved, but " + busProblem + ": a running agent will not reload until told.";
+  return outcome;
+}

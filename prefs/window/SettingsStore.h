@@ -30,6 +30,9 @@ class SettingsStore {
   };
   // `edit` answers false when it changed nothing; nothing is written then.
   Outcome edit(const std::function<bool(SettingsFile& settings)>& edit);
+  // After another part of the program wrote the file: reads it again and
+  // tells the agent.
+  Outcome changedElsewhere();
 
  private:
   std::string path_;

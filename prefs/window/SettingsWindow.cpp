@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <thread>
 
 #include "AgentControl.h"
 #include "MVEncryption.h"
 #include "MVKeychain.h"
+#include "PushTargets.h"
 #include "QuillonPreferences.h"
 #include "SampleNotices.h"
 #include "SettingsCatalog.h"
@@ -68,6 +70,7 @@ const std::map<std::string, const char*>& rowTitles() {
       {kEmailToAddressKey, "To addresses"},
       {kNotifyTextKey, "Send a text message"},
       {kSelectedTextCarrierKey, "Mobile carrier"},
+      {kNotifyPushKey, "Send a push notification"},
       {kTxtMessagePhoneNumberKey, "Phone number"},
   };
   return titles;
@@ -235,8 +238,8 @@ class Window {
                                                            {Page::Actions, "Actions"},
                                                            {Page::Mail, "Mail Account"},
                                                            {Page::Text, "Text Message"},
-                                                           {Page::Push, "Push"}};
-        if (!pages_[page]) pages_[page] = addPage("more", "More", "view-more-symbolic");
+                                                           {Page::Push, "Push Notifications"}};
+        if (!pages_[page]) pages_[page] = addPage("push", "Push", "send-to-symbolic");
         groups[page] = addGroup(page, titles.at(page));
       }
       return groups[page];
@@ -253,6 +256,7 @@ class Window {
         case SettingKind::FolderList: addFolderList(*setting); break;
         case SettingKind::PhoneNumber: addPhoneNumber(group, *setting); break;
         case SettingKind::Carrier: addCarrierChoice(group, *setting); break;
+        case SettingKind::PushTargetList: addPushTargets(); break;
         default: addEntry(group, *setting); break;
       }
       if (key == kEmailAccountNameKey) addPassword(group);
@@ -541,6 +545,96 @@ class Window {
     const std::string key = setting.key;
     addComboRow(group, titleOf(setting), names, selected, [this, key, identifiers](unsigned choice) {
       if (choice < identifiers->size()) setValue(key, MVPlistValue((*identifiers)[choice]));
+    });
+  }
+
+  // The targets as the settings list them (secrets masked), a row to add
+  // one by its URL, and a test that pushes to all of them.
+  void addPushTargets() {
+    AdwPreferencesGroup* group =
+        addGroup(Page::Push, "Push Targets",
+                 "Phones and team chats, as URLs such as ntfys://ntfy.sh/topic or discord://ID/TOKEN. Tokens are "
+                 "kept in the keyring; the settings show them masked.");
+    auto rows = std::make_shared<std::vector<GtkWidget*>>();
+    auto rebuild = std::make_shared<std::function<void()>>();
+    *rebuild = [this, group, rows] {
+      for (GtkWidget* row : *rows) adw_preferences_group_remove(group, row);
+      rows->clear();
+      for (const PushTargetEntry& entry : PushTargets::list()) {
+        AdwActionRow* row = ADW_ACTION_ROW(adw_action_row_new());
+        adw_preferences_row_set_title(ADW_PREFERENCES_ROW(row), entry.stored.c_str());
+        if (!entry.url) adw_action_row_set_subtitle(row, entry.problem.c_str());
+        adw_preferences_group_add(group, GTK_WIDGET(row));
+        rows->push_back(GTK_WIDGET(row));
+        const std::string stored = entry.stored;
+        onSignal(addButton(row, "Remove", "Remove push target " + stored, "list-remove-symbolic"), "clicked",
+                 [this, stored, group, row, rows] {
+                   std::string error;
+                   if (!PushTargets::remove(stored, error)) return toast(error);
+                   afterPushChange();
+                   rows->erase(std::remove(rows->begin(), rows->end(), GTK_WIDGET(row)), rows->end());
+                   adw_preferences_group_remove(group, GTK_WIDGET(row));
+                 });
+      }
+    };
+    AdwPreferencesGroup* addGroupRow = addGroup(Page::Push, nullptr);
+    addEntryRow(addGroupRow, "Add push target URL", "", [this, rebuild](AdwEntryRow* row) {
+      const std::string url = gtk_editable_get_text(GTK_EDITABLE(row));
+      gtk_widget_remove_css_class(GTK_WIDGET(row), "error");
+      std::string error;
+      if (!PushTargets::add(url, error)) {
+        gtk_widget_add_css_class(GTK_WIDGET(row), "error");
+        return toast(error);
+      }
+      gtk_editable_set_text(GTK_EDITABLE(row), "");
+      afterPushChange();
+      (*rebuild)();
+    });
+    (*rebuild)();
+    addPushTest();
+  }
+
+  void afterPushChange() {
+    auto outcome = store_.changedElsewhere();
+    if (!outcome.message.empty()) toast(outcome.message);
+  }
+
+  // Sending blocks on the network, so it runs on a worker; the outcome comes
+  // back to the main thread for the window.
+  void addPushTest() {
+    AdwPreferencesGroup* group = addGroup(Page::Push, "Test");
+    AdwActionRow* row = ADW_ACTION_ROW(adw_action_row_new());
+    adw_preferences_row_set_title(ADW_PREFERENCES_ROW(row), "Test result");
+    adw_action_row_set_subtitle(row, "Not tested yet");
+    adw_action_row_set_subtitle_lines(row, 0);
+    adw_preferences_group_add(group, GTK_WIDGET(row));
+    GtkButton* button = addButton(row, "Send test push", "Send test push");
+    onSignal(button, "clicked", [row, button] {
+      adw_action_row_set_subtitle(row, "Sending…");
+      gtk_widget_set_sensitive(GTK_WIDGET(button), FALSE);
+      struct Delivery {
+        GtkWidget* row;
+        GtkWidget* button;
+        std::string text;
+      };
+      auto* delivery = new Delivery{GTK_WIDGET(g_object_ref(row)), GTK_WIDGET(g_object_ref(button)), {}};
+      std::thread([delivery] {
+        const std::vector<PushResult> results = PushTargets::sendTest();
+        for (const PushResult& result : results)
+          delivery->text += (delivery->text.empty() ? "" : "\n") + result.target + ": " +
+                            (result.sent ? "sent" : "failed") + (result.detail.empty() ? "" : " (" + result.detail + ")");
+        if (results.empty()) delivery->text = "Nothing was sent: there is no push target.";
+        g_idle_add(
+            [](gpointer data) -> gboolean {
+              std::unique_ptr<Delivery> done(static_cast<Delivery*>(data));
+              adw_action_row_set_subtitle(ADW_ACTION_ROW(done->row), done->text.c_str());
+              gtk_widget_set_sensitive(done->button, TRUE);
+              g_object_unref(done->row);
+              g_object_unref(done->button);
+              return G_SOURCE_REMOVE;
+            },
+            delivery);
+      }).detach();
     });
   }
 

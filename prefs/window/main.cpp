@@ -3,6 +3,7 @@
 
 #include <mutex>
 
+#include "HTTPCurl.h"
 #include "KeychainSecretService.h"
 #include "MVKeychain.h"
 #include "MVLog.h"
@@ -21,6 +22,7 @@ int main(int argc, char** argv) {
   // The mail client and the bus deliver on the main loop, which GTK turns.
   MVRunLoop::setMain(quillon::createPlatformRunLoop());
   MVKeychain::setBackend(quillon::createSecretServiceKeychain());
+  quillon::installCurlHTTP();  // libcurl itself is loaded at the first push
   AdwApplication* application = adw_application_new("com.morvane.Quillon.Settings", G_APPLICATION_DEFAULT_FLAGS);
   g_signal_connect(application, "activate",
                    G_CALLBACK(+[](GApplication* app, gpointer) {
