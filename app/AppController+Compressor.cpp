@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <future>
+#include <thread>
 #include <utility>
 
 #include "AppController.h"
@@ -39,6 +40,15 @@ const char* const kSharedQmasterStorage = "/Users/Shared/Library/Application Sup
 constexpr double kQmasterRecheckSeconds = 15.0;
 // Qmaster advertises in bursts; one poll per second of them is enough.
 constexpr auto kAdvertisementQuietPeriod = std::chrono::seconds(1);
+
+// "~" and "~/..." name the user's own home folder. "~name/..." would be
+// another user's, which the agent has no business guessing: it stays as
+// written.
+std::string expandingHomeFolder(const std::string& path) {
+  if (path == "~") return MVLocalPaths::userDirectory();
+  if (path.starts_with("~/")) return MVLocalPaths::userDirectory() + path.substr(1);
+  return path;
+}
 
 bool isFailedStatus(const std::string* status) {
   // A batch whose status vanished from the monitor's answer is reported as
@@ -82,7 +92,7 @@ std::string AppController::qmaster4SpoolPath() {
   std::string fallback = MVAppendPathComponent(appSupport, "Apple Qmaster/Storage");
   auto storage = storageFromSettings(appSupport, fallback);
   if (!storage) return fallback;
-  if (!storage->empty() && (*storage)[0] == '~') storage = MVLocalPaths::userDirectory() + storage->substr(1);
+  storage = expandingHomeFolder(*storage);
   std::lock_guard<std::mutex> lock(mutex_);
   qmaster4SpoolPath_ = storage;
   return *storage;
@@ -132,6 +142,7 @@ void AppController::processQmaster() {
       }
       qmasterPolling_ = true;
       qmasterPollRequested_ = false;
+      ++qmasterPassesBegun_;
     }
 
     ClusterBatches all = runKeepingMainLoopAlive([this] { return qmasterBatches(); });
@@ -171,6 +182,7 @@ void AppController::processQmaster() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       qmasterPolling_ = false;
+      ++qmasterPassesEnded_;
       again = std::exchange(qmasterPollRequested_, false);
     }
 
@@ -190,6 +202,30 @@ void AppController::processQmaster() {
         performPostRenderActions();
     }
     if (!again) return;
+  }
+}
+
+void AppController::updateCurrentBatches() {
+  // A poll already running may have asked the monitors before a batch was
+  // submitted; its list cannot be trusted. The first pass to begin after now
+  // either runs here or, when a poll is running, is the one more pass it is
+  // asked for. Passes run one at a time, so they end in the order they begin.
+  std::uint64_t wanted;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    wanted = qmasterPassesBegun_ + 1;
+  }
+  processQmaster();
+  auto ended = [this, wanted] {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return qmasterPassesEnded_ >= wanted;
+  };
+  const bool onMainThread = MVRunLoop::hasMain() && MVRunLoop::main().isMainThread();
+  while (!ended()) {
+    if (onMainThread)
+      MVRunLoop::main().runFor(0.01, ended);
+    else
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 }
 

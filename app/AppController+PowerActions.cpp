@@ -58,7 +58,7 @@ void AppController::performPostRenderActions() {
 
   // Lets a Compressor batch that follows this render register as running.
   std::this_thread::sleep_for(std::chrono::seconds(2));
-  processQmaster();
+  updateCurrentBatches();
 
   auto batches = currentBatches();
   if ((batches && !batches->empty()) || processingFolder()) return;

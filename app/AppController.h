@@ -117,6 +117,9 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
 
   // Compressor.
   void processQmaster();
+  // Returns once a poll that began after this call has ended, so that
+  // currentBatches() includes a batch submitted while another poll ran.
+  void updateCurrentBatches();
   std::string qmasterSpoolPath();
   std::string qmaster4SpoolPath();
 
@@ -221,5 +224,7 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
   std::vector<MVObserverToken> compressorSubscriptions_;
   bool qmasterPolling_ = false;        // guarded by mutex_
   bool qmasterPollRequested_ = false;  // guarded by mutex_
+  std::uint64_t qmasterPassesBegun_ = 0;  // guarded by mutex_
+  std::uint64_t qmasterPassesEnded_ = 0;  // guarded by mutex_
   int qmasterWorkers_ = 0;             // guarded by mutex_
 };

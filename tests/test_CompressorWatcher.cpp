@@ -13,20 +13,26 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <thread>
 
 #include "AppController.h"
+#include "MVAlert.h"
 #include "MVDistributedNotificationCenter.h"
 #include "MVGrowl.h"
 #include "MVLocalPaths.h"
 #include "MVLog.h"
+#include "MVPower.h"
 #include "MVPropertyList.h"
 #include "MVRunLoop.h"
+#include "PowerAlertServices.h"
 #include "TestSupport.h"
+#include "power/PowerTestSupport.h"
 
 using namespace quillon_test;
 namespace fs = std::filesystem;
@@ -167,6 +173,7 @@ class CompressorTest : public ::testing::Test {
     previousNotifications_ = MVUserNotificationCenter::setBackend(notifications_);
     previousBus_ = MVDistributedNotificationCenter::setBackend(std::make_shared<LoopbackNotifications>());
     AppController::setObject(0, "notifySound");  // a sound would hold the post-render actions
+    AppController::setObject(0, "logoutAction");
     controller_ = std::make_unique<AppController>();
     logStart_ = logText().size();
   }
@@ -412,6 +419,86 @@ TEST_F(CompressorWatcherTest, AdvertisementsPollInTheBackgroundAtMostOncePerSeco
   *skew += 2;
   post("QmasterAdUpdateNotification", ad);
   ASSERT_TRUE(waitUntil([&] { return pollCount() == polls + 2; }, 20));
+}
+
+// Alerts answered at once with the default button, as a countdown that ran out.
+class AnsweringAlerts : public MVAlert::Backend {
+ public:
+  struct Shown : MVAlert::Backend::Shown {
+    bool isVisible() const override { return false; }
+    void orderOut() override {}
+  };
+  std::shared_ptr<MVAlert::Backend::Shown> show(const MVAlert::Request&,
+                                                std::function<void(MVAlert::ReturnCode)> ended) override {
+    ++shown;
+    MVRunLoop::main().performOnMainThread([ended] { ended(MVAlert::kDefaultReturn); }, false);
+    return std::make_shared<Shown>();
+  }
+  bool hasAttachedSheet(MVWindowRef) override { return false; }
+  void makeKeyAndOrderFront(MVWindowRef) override {}
+  std::atomic<int> shown{0};
+};
+
+// A batch submitted while a poll is still waiting for its monitors: the
+// check before a power action must see it, not the list of that older poll.
+// Power requests go to a mocked logind on a private system bus only.
+TEST_F(CompressorWatcherTest, ABatchSubmittedDuringAPollHoldsThePowerActionBack) {
+  power_test::PrivateBus systemBus(power_test::kScripts + "/system-bus.sh");
+  ASSERT_TRUE(systemBus.running());
+  setenv("DBUS_SYSTEM_BUS_ADDRESS", systemBus.address().c_str(), 1);  // never restored: no test may reach the real one
+  power_test::MockService logind(systemBus, "--system", "logind", "org.freedesktop.login1", "/org/freedesktop/login1");
+  ASSERT_TRUE(logind.started() && logind.clearCalls()) << "no mocked logind: the power action must not be tried";
+  auto previousPower = MVPower::setBackend(quillon::createLogindPowerBackend());
+  auto alerts = std::make_shared<AnsweringAlerts>();
+  auto previousAlerts = MVAlert::setBackend(alerts);
+  AppController::setObject(3, "logoutAction");
+
+  setAnswer("Batch Monitor", "This Computer", batchListXML({}));
+  writeFile(testHome() + "/qmaster/hold", "");
+  std::thread poll([&] { controller_->processQmaster(); });
+  ASSERT_TRUE(waitUntil([] { return pollCount() == 1; }, 20));  // that poll has its (empty) answer
+  setAnswer("Batch Monitor", "This Computer", batchListXML({{"S-1", "Submitted", "Processing"}}));
+
+  std::atomic<bool> done{false};
+  std::thread actions([&] {
+    controller_->performPostRenderActions();
+    done = true;
+  });
+  // Past the actions' 2-second pause, the old poll is let go.
+  waitUntil([] { return false; }, 4);
+  fs::remove(testHome() + "/qmaster/hold");
+  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 60));
+  actions.join();
+  poll.join();
+
+  EXPECT_EQ(ids(*controller_->currentBatches()), std::set<std::string>{"S-1"});
+  EXPECT_EQ(alerts->shown, 0);
+  EXPECT_TRUE(logind.callsTo("PowerOff").empty());
+  AppController::setObject(0, "logoutAction");
+  MVAlert::setBackend(previousAlerts);
+  MVPower::setBackend(previousPower);
+}
+
+// "~" and "~/..." in the per-user spool setting are the user's home; another
+// user's "~name/..." is not guessed at.
+TEST_F(CompressorTest, SpoolFolderTildeMeansTheOwnHomeOnly) {
+  const std::string home = MVLocalPaths::userDirectory();
+  const std::pair<std::string, std::string> cases[] = {
+      {"~", home},
+      {"~/Spool", home + "/Spool"},
+      {"~editor/Spool", "~editor/Spool"},
+      {"~editor", "~editor"},
+      {"/Volumes/Spool/~", "/Volumes/Spool/~"},
+  };
+  const std::string settings = MVLocalPaths::appSupportDirectory(true) + "/Apple Qmaster/qmasterservices.plist";
+  for (const auto& [storage, expected] : cases) {
+    MVPlistValue prefs = MVPlistValue::Dictionary{{"Storage", storage}};
+    MVPlistValue root = MVPlistValue::Dictionary{
+        {"jobcontroller:com.apple.qmaster.cluster.admin", MVPlistValue::Dictionary{{"UserPrefs", prefs}}}};
+    ASSERT_TRUE(MVPropertyList::write(settings, root));
+    EXPECT_EQ(AppController().qmaster4SpoolPath(), expected) << storage;
+  }
+  fs::remove(settings);
 }
 
 }  // namespace
