@@ -13,8 +13,8 @@ namespace quillon {
 std::shared_ptr<MVRunLoop> createPlatformRunLoop();
 
 // Installs every Linux backend: file-system events (inotify), desktop
-// notifications, sounds, the workspace, the session-bus notification centre
-// and the keychain (Secret Service). Call after the run loop is installed.
+// notifications, sounds, the workspace, the session-bus notification centre,
+// the keychain (Secret Service) and HTTP (libcurl). Call after the run loop is installed.
 void installPlatformServices();
 
 // Drops the backends that hold bus connections, before the process exits.
