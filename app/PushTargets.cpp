@@ -260,6 +260,11 @@ std::vector<PushTargetEntry> PushTargets::list() {
 bool PushTargets::add(const std::string& url, std::string& error, std::string* storedOut) {
   auto target = parse(url, error);
   if (!target) return false;
+  if (url.size() > MVKeychain::kPasswordReadLimit) {
+    error = "a push target URL may be at most " + std::to_string(MVKeychain::kPasswordReadLimit) +
+            " characters long, as the secret store gives back no more";
+    return false;
+  }
   std::vector<std::string> stored = storedTargets();
   std::string masked = target->masked();
   if (!hasSecret(masked)) {
