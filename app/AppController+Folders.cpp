@@ -13,8 +13,11 @@
 #include "AppController.h"
 #include "FileAttributes.h"
 #include "MVFSEvents.h"
+#include "MVFrameSequence.h"
 #include "MVLocalPaths.h"
 #include "MVLog.h"
+#include "MVMovieAtoms.h"
+#include "MVOpenFiles.h"
 #include "MVTaskEx.h"
 #include "QuillonPreferences.h"
 
@@ -52,6 +55,65 @@ std::optional<std::string> readUTF16LE(const std::string& path, std::string& err
 
 std::string dateDescription(const std::optional<AppController::Date>& date) {
   return date ? MVDateDescription(*date) : std::string("0001-01-01 00:00:00 +0000");
+}
+
+// The Media Encoder keeps its queue log in its folder of the user's
+// preferences; the watcher adds that folder's version folders.
+std::string ameLogFolder() {
+  return MVAppendPathComponent(MVLocalPaths::prefsDirectory(true), "Adobe/Adobe Media Encoder");
+}
+
+bool isMovieContainer(const std::string& ext) { return ext == "mov" || ext == "qt" || ext == "mp4" || ext == "m4v"; }
+
+// A frame sequence written recently and not yet announced.
+struct FreshSequence {
+  MVFrameSequence frames;
+  std::string folder;
+  std::string newestFrame;  // full path
+  AppController::Date newest;
+  std::string firstFramePath() const { return MVAppendPathComponent(folder, frames.frames.front()); }
+  std::vector<std::string> framePaths() const {
+    std::vector<std::string> paths;
+    for (const std::string& name : frames.frames) paths.push_back(MVAppendPathComponent(folder, name));
+    return paths;
+  }
+};
+
+// Seconds a frame sequence must stay unchanged before it counts as finished.
+double sequenceQuietSeconds() {
+  MVPlistValue value = AppController::objectForPreferenceDictionaryKey("sequenceQuietSeconds");
+  double seconds = value.isNil() ? 10 : static_cast<double>(value.integerValue());
+  return seconds > 0 ? seconds : 10;
+}
+
+// The newest numbered still of `folder` and the rest of its sequence, when it
+// was written in the last minute (or within the quiet time, if longer) and
+// the sequence was not announced since. Stills that are not numbered, and
+// one numbered still alone, are no render of frames.
+std::optional<FreshSequence> freshSequenceInFolder(AppController& controller, const std::string& folder) {
+  if (!QuillonPreferences::isPresentOrOne("watchImageSequences")) return std::nullopt;
+  if (contains(folder, "/Avid MediaFiles") || contains(folder, ameLogFolder())) return std::nullopt;
+  std::optional<FreshSequence> found;
+  std::optional<MVFrameName> newestName;
+  const std::vector<std::string> names = folderEntries(folder);
+  for (const std::string& name : names) {
+    auto frame = MVFrameSequence::frameName(name);
+    if (!frame) continue;
+    std::string fullPath = MVAppendPathComponent(folder, name);
+    auto modified = fileModificationDate(fullPath);
+    if (!modified || isDirectory(fullPath)) continue;
+    if (!found || *modified > found->newest) {
+      found = FreshSequence{{}, folder, fullPath, *modified};
+      newestName = frame;
+    }
+  }
+  if (!found) return std::nullopt;
+  auto window = std::chrono::duration<double>(std::max(60.0, sequenceQuietSeconds() + 30));
+  if (found->newest - controller.now() < -window) return std::nullopt;
+  if (controller.isFileRepeated(found->newestFrame)) return std::nullopt;
+  found->frames = MVFrameSequence::gather(names, *newestName);
+  if (found->frames.frames.size() < 2) return std::nullopt;
+  return found;
 }
 
 }  // namespace
@@ -106,7 +168,7 @@ void AppController::fileSystemEventsReceived(const MVPlistValue::Array& events) 
     } else {
       auto latest = latestFileInFolder(path);
       MVLog::appendLog("Latest file: %@", latest ? MVPlistValue(*latest) : MVPlistValue());
-      if (latest && fileSize(*latest).value_or(0) != 0) {
+      if ((latest && fileSize(*latest).value_or(0) != 0) || freshSequenceInFolder(*this, path)) {
         (*pending)[path] = now();
         foldersChanged = true;
       } else {
@@ -127,6 +189,8 @@ std::optional<std::string> AppController::latestFileInFolder(const std::string& 
   std::optional<Date> newestDate;
   std::optional<std::string> newestPath;
   bool ameFolder = contains(folder, "/Adobe/Adobe Media Encoder");
+  // Only the queue log counts in the encoder's preferences folder.
+  bool ameLogs = contains(folder, ameLogFolder());
   int error = 0;
   const std::vector<std::string> entries = MVFileManager::folderEntries(folder, &error);
   // A folder that vanished between the event and now is ordinary; one that
@@ -144,7 +208,7 @@ std::optional<std::string> AppController::latestFileInFolder(const std::string& 
     }
     if (!pathExists(fullPath) || isDirectory(fullPath)) continue;
     if (contains(folder, "/Avid MediaFiles") && ext != "mxf") continue;
-    if (contains(folder, "Preferences/Adobe/Adobe Media Encoder") && name != "AMEEncodingLog.txt") continue;
+    if (ameLogs && name != "AMEEncodingLog.txt") continue;
     auto modified = fileModificationDate(fullPath);
     if (modified && (!newestDate || *modified > *newestDate)) {
       newestDate = modified;
@@ -167,12 +231,84 @@ void AppController::processFolders() {
   MVLog::appendLog("Processing folders...");
   auto folders = currentFolders();
   setCurrentFolders(nullptr);
-  MVPlistValue::Array keys;
-  for (const auto& [folder, date] : *folders) keys.emplace_back(folder);
+  std::vector<std::string> keys;
+  for (const auto& [folder, date] : *folders) keys.push_back(folder);
+  checkFolders(keys);
+}
+
+void AppController::scheduleFolderRecheck(const std::string& folder, double seconds) {
+  folderRechecks_[folder] = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                                                  std::chrono::duration<double>(seconds));
+  auto earliest = folderRechecks_.begin()->second;
+  for (const auto& [path, due] : folderRechecks_) earliest = std::min(earliest, due);
+  double wait = std::chrono::duration<double>(earliest - std::chrono::steady_clock::now()).count();
+  replaceTimer(folderRecheckTimer_, MVRunLoop::main().scheduleTimer(std::max(0.0, wait), false, [this] { recheckFolders(); }));
+}
+
+void AppController::recheckFolders() {
+  // Timers may fire a little early; a folder due within that slack is taken now.
+  auto horizon = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+  std::vector<std::string> due;
+  for (auto it = folderRechecks_.begin(); it != folderRechecks_.end();) {
+    if (it->second > horizon) {
+      ++it;
+      continue;
+    }
+    due.push_back(it->first);
+    it = folderRechecks_.erase(it);
+  }
+  if (!folderRechecks_.empty()) {
+    auto [folder, when] = *folderRechecks_.begin();
+    folderRechecks_.erase(folder);
+    scheduleFolderRecheck(folder, std::chrono::duration<double>(when - std::chrono::steady_clock::now()).count());
+  }
+  if (due.empty()) return;
+  MVLog::appendLog("Looking again at folders");
+  checkFolders(due);
+}
+
+void AppController::checkFolders(const std::vector<std::string>& folders) {
+  MVPlistValue::Array keys(folders.begin(), folders.end());
   MVLog::appendLog("Checking folders %@", MVPlistValue(keys));
 
+  // The description of a file render; the folder decides its kind.
+  auto describe = [this](const std::string& folder, const std::string& shownName, const std::string& fullPath) {
+    auto renderPath = fcpRenderPath();
+    MVPlistValue render;
+    render.set("watchFilename", shownName);
+    render.set("fullPath", fullPath);
+    render.set("type", "watchFile");
+    if (renderPath && hasPrefix(folder, *renderPath)) {
+      render.set("type", "fcpRender");
+      if (folder.size() > renderPath->size() + 1) {
+        std::string rest = folder.substr(renderPath->size() + 1);
+        std::string project = rest.substr(0, rest.find('/'));
+        if (!project.empty()) render.set("projectName", project);
+      }
+    } else if (contains(folder, "/Avid MediaFiles")) {
+      render.set("type", "avidRender");
+    } else if (pathIsPremierePreviewLocation(folder)) {
+      render.set("type", "premiereRender");
+      std::string project = deletingPathExtension(lastPathComponent(folder));
+      if (!project.empty()) render.set("projectName", project);
+    } else if (contains(folder, "/Adobe/Adobe Media Encoder")) {
+      render.set("type", "ameQueue");
+    }
+    return render;
+  };
+  // A writer that still holds the file puts the folder off by 3 seconds, for
+  // as long as it keeps the file open.
+  auto heldByWriter = [this](const std::string& folder, const std::vector<std::string>& paths) {
+    auto writer = MVOpenFiles::writerOfAnyOf(paths);
+    if (!writer) return false;
+    MVLog::appendLog("Still being written by %@ (pid %i): %@", writer->command, writer->pid,
+                     lastPathComponent(writer->path));
+    scheduleFolderRecheck(folder, 3.0);
+    return true;
+  };
+
   bool announced = false;
-  for (const auto& [folder, date] : *folders) {
+  for (const std::string& folder : folders) {
     auto latest = latestFileInFolder(folder);
     processingFolder_ = false;
     MVLog::appendLog("Most recent file in folder %@ is %@", folder, latest ? MVPlistValue(*latest) : MVPlistValue());
@@ -194,9 +330,38 @@ void AppController::processFolders() {
         continue;
       }
     }
+
+    // Numbered stills newer than any media file are a render of frames.
+    auto sequence = freshSequenceInFolder(*this, folder);
+    if (sequence && (!latest || sequence->newest > fileModificationDate(*latest).value_or(Date{}))) {
+      std::string shown = sequence->frames.shownName();
+      if (heldByWriter(folder, sequence->framePaths())) continue;
+      // Frames arrive one by one with pauses between them; the sequence is
+      // done once none was added or grew for the quiet time.
+      double quiet = sequenceQuietSeconds();
+      double since = std::chrono::duration<double>(now() - sequence->newest).count();
+      if (since < quiet) {
+        MVLog::appendLog("Frame sequence %@ changed %.1f seconds ago; looking again in %.1f seconds", shown, since,
+                         quiet - since);
+        scheduleFolderRecheck(folder, quiet - since);
+        continue;
+      }
+      MVPlistValue render = describe(folder, shown, sequence->firstFramePath());
+      std::string missing = sequence->frames.missingDescription();
+      if (!missing.empty()) {
+        MVLog::appendLog("Frame sequence %@: %@", shown, missing);
+        render.set("missingFrames", missing);
+      }
+      renderDidFinishSuccessfully(render);
+      // Its newest frame marks the sequence as announced.
+      recordRecentFile(sequence->newestFrame);
+      announced = true;
+      continue;
+    }
     if (!latest) continue;
 
     MVLog::appendLog("%@ was modified recently", *latest);
+    if (heldByWriter(folder, {*latest})) continue;
     auto sizeBefore = fileSize(*latest).value_or(0);
     // A render still being written grows between the two readings.
     std::this_thread::sleep_for(std::chrono::duration<double>(sizeSettleSeconds_));
@@ -215,25 +380,15 @@ void AppController::processFolders() {
     processingFolder_ = false;
     if (sizeAfter <= 102400 && pathExtension(*latest) != "txt") continue;
 
-    MVPlistValue render;
-    render.set("watchFilename", name);
-    render.set("fullPath", *latest);
-    render.set("type", "watchFile");
-    if (renderPath && hasPrefix(folder, *renderPath)) {
-      render.set("type", "fcpRender");
-      if (folder.size() > renderPath->size() + 1) {
-        std::string rest = folder.substr(renderPath->size() + 1);
-        std::string project = rest.substr(0, rest.find('/'));
-        if (!project.empty()) render.set("projectName", project);
+    MVPlistValue render = describe(folder, name, *latest);
+    // A movie whose writer died half-way cannot be played: say it failed.
+    if (isMovieContainer(lowercase(pathExtension(name)))) {
+      MVMovieCheck check = MVMovieAtoms::checkFile(*latest);
+      if (check.verdict == MVMovieVerdict::RunsPastEnd || check.verdict == MVMovieVerdict::NoMovieAtom) {
+        MVLog::appendLog("%@ is not a complete movie: %@", name, check.detail);
+        renderDidFail(render);
+        continue;
       }
-    } else if (contains(folder, "/Avid MediaFiles")) {
-      render.set("type", "avidRender");
-    } else if (pathIsPremierePreviewLocation(folder)) {
-      render.set("type", "premiereRender");
-      std::string project = deletingPathExtension(lastPathComponent(folder));
-      if (!project.empty()) render.set("projectName", project);
-    } else if (contains(folder, "/Adobe/Adobe Media Encoder")) {
-      render.set("type", "ameQueue");
     }
     renderDidFinishSuccessfully(render);
     announced = true;

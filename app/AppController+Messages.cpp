@@ -93,6 +93,8 @@ AppController::Message AppController::messageForRender(const RenderDescription& 
          MVFormatString(success ? "The file \"%@\" on computer \"%@\" finished rendering."
                                 : "The file \"%@\" on computer \"%@\" failed to render.",
                         *file, computer));
+    // A render of frames names the frames it lacks ("3 frames missing: 1017, 1018, 1122").
+    if (auto missing = value("missingFrames")) m.emailBody += " " + *missing + ".";
   }
 
   // A render that names nothing to show still gets a plain message.

@@ -188,6 +188,15 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
   std::function<std::string()> frontmostOverride_;
   double sizeSettleSeconds_ = 3.0;
 
+  // Folders looked at again later, outside the event debounce: a writer still
+  // held the file, or a frame sequence had not yet been quiet long enough.
+  // Main thread only.
+  void checkFolders(const std::vector<std::string>& folders);
+  void scheduleFolderRecheck(const std::string& folder, double seconds);
+  void recheckFolders();
+  std::map<std::string, std::chrono::steady_clock::time_point> folderRechecks_;
+  std::shared_ptr<MVTimer> folderRecheckTimer_;
+
   // watchers: Avid/FCP/Premiere
  public:
   // True while the repeating refresh of the Premiere preview folders is armed.

@@ -57,6 +57,9 @@ const std::vector<SettingDescription>& allSettings() {
       {kWatchAMEQueueKey, SettingKind::Switch, "watch the Media Encoder queue", "off"},
       {kWatchPremiereRendersKey, SettingKind::Switch, "watch Premiere renders", "off"},
       {kWatchFoldersKey, SettingKind::FolderList, "folders watched for finished files", "no folder is watched"},
+      {"watchImageSequences", SettingKind::Switch, "announce renders of numbered stills (exr, dpx, png, ...)", "on"},
+      {"sequenceQuietSeconds", SettingKind::Seconds, "seconds without a new frame before a sequence is finished",
+       "10"},
       {"watchFoldersPolled", SettingKind::FolderList,
        "folders read again every 2 s instead of waiting for change notices",
        "only shares and FUSE mounts are polled"},
@@ -135,6 +138,11 @@ ParsedSetting parseSetting(const SettingDescription& setting, const std::string&
       long long number = 0;
       if (parseInteger(text, number) && number >= 1 && number <= 65535) return {MVPlistValue(number), {}};
       return failure(key + " takes a port number from 1 to 65535, not '" + text + "'");
+    }
+    case SettingKind::Seconds: {
+      long long number = 0;
+      if (parseInteger(text, number) && number >= 1 && number <= 3600) return {MVPlistValue(number), {}};
+      return failure(key + " takes a number of seconds from 1 to 3600, not '" + text + "'");
     }
     case SettingKind::ApplicationPath:
     case SettingKind::ScriptPath: {

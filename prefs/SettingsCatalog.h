@@ -22,6 +22,7 @@ enum class SettingKind {
   FolderList,      // array of absolute folder paths (watch-folders command)
   PhoneNumber,     // encrypted data (phone command)
   Carrier,         // identifier in the carrier table
+  Seconds,         // integer 1 to 3600
   PushTargetList,  // masked target URLs (push command; secrets in the secret store)
 };
 

@@ -23,7 +23,7 @@ quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" clang-14 libclang-rt-14-
 SECONDS_EACH=${FUZZ_SECONDS:-10}
 BUILD=${FUZZ_BUILD_DIR:-build-fuzz}
 JOBS=${JOBS:-$(nproc)}
-ALL_TARGETS="settings_plist history_plist fcset monitor_xml premiere_xml escape_query base64 ame_log log_format smtp_replies"
+ALL_TARGETS="settings_plist history_plist fcset monitor_xml premiere_xml escape_query base64 ame_log log_format smtp_replies movie_atoms"
 TARGETS=${FUZZ_TARGETS:-$ALL_TARGETS}
 
 echo "=== fuzz build ($BUILD)"

@@ -5,8 +5,11 @@
 // action runs for every announced watch-folder file, even a quiet one).
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -41,6 +44,7 @@ namespace {
 struct Announced {
   std::string path;
   std::uintmax_t sizeWhenAnnounced;
+  std::chrono::steady_clock::time_point when;
 };
 
 class RecordingDesktop : public MVWorkspace::Backend,
@@ -50,7 +54,7 @@ class RecordingDesktop : public MVWorkspace::Backend,
   bool selectFile(const std::string& path, const std::string&) override {
     std::error_code ec;
     std::lock_guard<std::mutex> lock(mutex);
-    announced.push_back({path, fs::file_size(path, ec)});
+    announced.push_back({path, fs::file_size(path, ec), std::chrono::steady_clock::now()});
     return true;
   }
   void deliverNotification(const MVUserNotification& n) override {
@@ -97,6 +101,37 @@ void markAsMovie(const std::string& path) {
   ASSERT_EQ(setxattr(path.c_str(), "user.com.apple.FinderInfo", info, sizeof info, 0), 0) << path;
 }
 
+// A writer that no one here wrote, run through /bin/sh in its own process
+// group; running() reaps it and notes when it ended.
+class Writer {
+ public:
+  explicit Writer(const std::string& script) {
+    pid_ = fork();
+    if (pid_ == 0) {
+      setpgid(0, 0);
+      execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+  ~Writer() {
+    if (running()) kill(-pid_, SIGKILL);
+    if (!ended_) waitpid(pid_, nullptr, 0);
+  }
+  bool running() {
+    if (!ended_ && waitpid(pid_, &status_, WNOHANG) == pid_) ended_ = std::chrono::steady_clock::now();
+    return !ended_;
+  }
+  std::chrono::steady_clock::time_point ended() const { return *ended_; }
+  int status() const { return status_; }
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = 0;
+  std::optional<std::chrono::steady_clock::time_point> ended_;
+};
+
+const char* const kFFmpeg = "ffmpeg -nostdin -loglevel error -y ";
+
 std::size_t countIn(const std::string& text, const std::string& part) {
   std::size_t n = 0;
   for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
@@ -135,10 +170,9 @@ class WatchFolders : public ::testing::Test {
   }
 
   // The settings name `folders`; set-up starts the folder watcher on them.
-  void watch(const std::vector<std::string>& folders) {
+  void watch(const std::vector<std::string>& folders, MVPlistValue settings = MVPlistValue{MVPlistValue::Dictionary{}}) {
     MVPlistValue::Array list;
     for (const auto& f : folders) list.emplace_back(f);
-    MVPlistValue settings{MVPlistValue::Dictionary{}};
     settings.set("watchFolders", list);
     settings.set("notifyFinder", 1);
     fs::create_directories(MVLocalPaths::prefsDirectory(true));
@@ -354,9 +388,14 @@ TEST_F(WatchFolders, TheFolderDecidesTheKindOfRenderAndItsProject) {
     std::string file;
     std::string contents;
     std::string expected;  // the middle of the logged description; "" = not announced
+    std::string later = "";  // a movie written after the file, never announced
   };
   const std::string big(200000, 'm');
-  const std::string ame = root + "/Preferences/Adobe/Adobe Media Encoder/";
+  // The encoder's queue log lives in its folder of the user's preferences,
+  // where the queue watcher looks; a folder that merely has such a name is
+  // an ordinary encoder output folder.
+  const std::string ame = MVLocalPaths::prefsDirectory(true) + "/Adobe/Adobe Media Encoder/";
+  const std::string lookalike = root + "/Preferences/Adobe/Adobe Media Encoder/";
   const Case cases[] = {
       {fcp + "/Theme/Sequence 1/", "r1.mov", big, "projectName = Theme;\n    type = fcpRender;"},
       {fcp + "/", "r2.mov", big, "type = fcpRender;"},
@@ -368,28 +407,38 @@ TEST_F(WatchFolders, TheFolderDecidesTheKindOfRenderAndItsProject) {
       // The Media Encoder's own log counts once its queue has stopped.
       {ame + "A/", "AMEEncodingLog.txt", utf16("Encoding ... done\r\nQueue Stopped\r\n"), "type = ameQueue;"},
       {ame + "B/", "AMEEncodingLog.txt", utf16("Queue Started\r\nEncoding ...\r\n"), ""},
+      // A newer movie beside the log neither hides the log nor is the queue's end.
+      {ame + "C/", "AMEEncodingLog.txt", utf16("Queue Stopped"), "type = ameQueue;", "stray.mov"},
+      {lookalike + "D/", "out.mov", big, "type = ameQueue;"},
       {root + "/Plain/", "w.mov", big, "type = watchFile;"},
   };
   MVPlistValue::Array events;
   for (const Case& c : cases) {
     fs::create_directories(c.folder);
     std::ofstream(c.folder + c.file, std::ios::binary) << c.contents;
+    if (!c.later.empty()) {
+      setAge(c.folder + c.file, 2s);
+      std::ofstream(c.folder + c.later, std::ios::binary) << big;
+    }
     MVPlistValue e{MVPlistValue::Dictionary{}};
     e.set("path", c.folder);
     events.push_back(e);
   }
   controller->fileSystemEventsReceived(events);
   ASSERT_TRUE(controller->hasPendingFolderCheck());
-  ASSERT_TRUE(waitUntil([&] { return !controller->hasPendingFolderCheck() && countIn(logText(), "Render complete") >= 7; },
+  ASSERT_TRUE(waitUntil([&] { return !controller->hasPendingFolderCheck() && countIn(logText(), "Render complete") >= 9; },
                         20))
       << logText();
   MVRunLoop::main().runFor(0.5);
 
   std::string log = logText();
-  EXPECT_EQ(countIn(log, "AME queue stopped"), 1u);
+  EXPECT_EQ(countIn(log, "AME queue stopped"), 2u);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.folder + c.file);
     std::string path = c.folder + c.file;
+    if (!c.later.empty()) {
+      EXPECT_EQ(countIn(log, "fullPath = " + c.folder + c.later + ";"), 0u);
+    }
     if (c.expected.empty()) {
       EXPECT_EQ(countIn(log, "fullPath = " + path + ";"), 0u);
       continue;
@@ -399,6 +448,85 @@ TEST_F(WatchFolders, TheFolderDecidesTheKindOfRenderAndItsProject) {
               1u)
         << log;
   }
+}
+
+// Real writers into watch folders, side by side: an encoder that stalls for
+// 6 s half-way and a program that keeps its file open without writing (both
+// quiet at the same time, so that the folder check runs while they hold
+// their files), then a numbered-PNG render with a gap. Each is announced
+// once, after it ended.
+TEST_F(WatchFolders, RealWritersAreAnnouncedOnceAndOnlyAfterTheyAreDone) {
+  const std::string root = makeTempDir("writers");
+  struct Case {
+    std::string folder;
+    std::string script;    // run inside the folder
+    std::string announced;  // file name revealed
+    std::string logged;    // a line the check must have written
+  };
+  const std::string raw = "-f rawvideo -pix_fmt yuv420p -s 320x240 -r 10 ";
+  const std::string stage =
+      std::string(kFFmpeg) + "-re -f lavfi -i 'testsrc=size=320x240:rate=10:d=2,noise=alls=60:allf=t+u' " + raw + "- ";
+  const std::string frames = std::string(kFFmpeg) + "-re -f lavfi -i testsrc=size=160x120:rate=4:d=";
+  const Case cases[] = {
+      {root + "/stall", "(" + stage + "; sleep 6; " + stage + ") | " + kFFmpeg + raw + "-i - -c:v mpeg4 -q:v 3 clip.mov",
+       "clip.mov", "Still being written by ffmpeg (pid "},
+      {root + "/held",
+       "exec /usr/bin/python3 -c \"import time; f = open('held.avi', 'wb'); f.write(b'h' * 200000); f.flush(); "
+       "time.sleep(10)\"",
+       "held.avi", "Still being written by python3 (pid "},
+      {root + "/frames",
+       "sleep 11 && " + frames + "2 -f image2 -start_number 1 frame_%04d.png && " + frames + "1.5 -f image2 -start_number 12 frame_%04d.png",
+       "frame_0001.png", "Frame sequence frame_####.png, frames 1-17, 14 frames: 3 frames missing: 9, 10, 11"},
+  };
+  std::vector<std::string> folders;
+  for (const Case& c : cases) {
+    fs::create_directories(c.folder);
+    folders.push_back(c.folder);
+  }
+  MVPlistValue settings{MVPlistValue::Dictionary{}};
+  settings.set("sequenceQuietSeconds", 4);
+  watch(folders, settings);
+
+  std::vector<std::unique_ptr<Writer>> writers;
+  for (const Case& c : cases) writers.push_back(std::make_unique<Writer>("cd '" + c.folder + "' && " + c.script));
+  auto allDone = [&] {
+    bool running = false;
+    for (auto& w : writers) running = w->running() || running;
+    return !running && desktop->announcedCount() >= std::size(cases);
+  };
+  ASSERT_TRUE(waitUntil(allDone, 60)) << logText();
+  MVRunLoop::main().runFor(4);  // nothing more comes
+
+  std::string log = logText();
+  ASSERT_EQ(desktop->announcedCount(), std::size(cases)) << log;
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    const Case& c = cases[i];
+    SCOPED_TRACE(c.folder);
+    EXPECT_EQ(writers[i]->status(), 0);
+    auto it = std::find_if(desktop->announced.begin(), desktop->announced.end(),
+                           [&](const Announced& a) { return a.path == c.folder + "/" + c.announced; });
+    ASSERT_NE(it, desktop->announced.end()) << log;
+    EXPECT_GT(it->when, writers[i]->ended()) << "announced while its writer was still at work";
+    EXPECT_NE(log.find(c.logged), std::string::npos) << log;
+  }
+  EXPECT_NE(log.find("watchFilename = frame_####.png, frames 1-17, 14 frames;"), std::string::npos) << log;
+  EXPECT_NE(log.find("missingFrames = 3 frames missing: 9, 10, 11;"), std::string::npos) << log;
+}
+
+// An encode killed half-way leaves an MP4 without its index: a failed
+// render, told with the failure texts.
+TEST_F(WatchFolders, AnEncodeKilledHalfWayIsAFailure) {
+  const std::string folder = makeTempDir("killed");
+  watch({folder});
+  Writer writer("cd '" + folder + "' || exit 1; " + kFFmpeg +
+                "-re -f lavfi -i 'testsrc=size=320x240:rate=10:d=30,noise=alls=60:allf=t+u' -c:v mpeg4 -q:v 3 "
+                "killed.mp4 & p=$!; while [ $(stat -c %s killed.mp4 2>/dev/null || echo 0) -lt 300000 ]; do sleep 0.2; "
+                "done; kill -9 $p");
+  ASSERT_TRUE(waitUntil([&] { return !writer.running() && !desktop->notifications.empty(); }, 40)) << logText();
+  MVRunLoop::main().runFor(4);
+  EXPECT_EQ(desktop->notifications, std::vector<std::string>{"Render Failed|File: killed.mp4"});
+  EXPECT_EQ(desktop->announcedCount(), 0u) << "a broken file is revealed as a finished render";
+  EXPECT_NE(logText().find("killed.mp4 is not a complete movie: no 'moov' atom"), std::string::npos) << logText();
 }
 
 }  // namespace
