@@ -8,6 +8,7 @@
 #   IDLE_SECONDS=10   shorten the idle measurement (default 60) for a trial
 #   SIZES="1000"      tree sizes to set up (default "1000 10000 100000")
 #   SKIP_MICRO=1      skip the micro-benchmarks
+#   POLL_BENCH=0      skip the comparison of pollers on bindfs mounts
 #   BENCH_OUT=FILE    also write the table to FILE
 #   BENCH_BUILD_DIR=D build and measure in D instead of build-bench (a folder
 #                     of your own that may also hold the tests: its test
@@ -17,7 +18,7 @@ cd "$(dirname "$0")/.."
 source scripts/deps.sh
 quillon_install_packages "${QUILLON_BUILD_PACKAGES[@]}" libbenchmark-dev \
   inotify-tools fswatch hyperfine msmtp procps util-linux \
-  dbus dbus-daemon python3-dbusmock python3-aiosmtpd || exit 1
+  dbus dbus-daemon python3-dbusmock python3-aiosmtpd bindfs fuse3 python3-watchdog || exit 1
 
 BUILD=${BENCH_BUILD_DIR:-build-bench}
 TEST_OPTION=-DQUILLON_BUILD_TESTS=OFF
@@ -26,4 +27,6 @@ cmake -S . -B "$BUILD" -DCMAKE_BUILD_TYPE=Release $TEST_OPTION -DQUILLON_BUILD_B
   { tail -n 30 "$BUILD.configure.log"; exit 1; }
 cmake --build "$BUILD" -j "${JOBS:-$(nproc)}" --target quillon-helper quillon-microbench quillon-watch-bench quillon-mail-bench fswalk-floor
 
-exec bash bench/run-bench.sh "$BUILD/bin"
+bash bench/run-bench.sh "$BUILD/bin"
+# Polling shares beside fswatch's and watchdog's pollers (POLL_BENCH=0 skips it).
+if [ "${POLL_BENCH:-1}" != 0 ]; then exec bash bench/poll-bench.sh "$BUILD/bin"; fi
