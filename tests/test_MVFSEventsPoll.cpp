@@ -151,11 +151,13 @@ TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
 
 TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
   const std::string source = makeTempDir("nas-disk"), videos = makeTempDir("Videos");
-  BindfsShare mount(source, videos + "/NAS");
-  ASSERT_TRUE(mount.mounted());
   Recorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({videos});
+  // Mounted while the folder is watched.
+  BindfsShare mount(source, videos + "/NAS");
+  ASSERT_TRUE(mount.mounted());
   letFirstScanFinish();
+  recorder.records.clear();
 
   writeFile(source + "/from-render-node.mov", "x");
   writeFile(videos + "/local.mov", "x");

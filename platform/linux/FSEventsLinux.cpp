@@ -1,5 +1,8 @@
 // The Linux event service: inotify where it sees every change, polling
 // where it cannot (see FSEventsInotify.h).
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <map>
 #include <set>
@@ -11,6 +14,7 @@
 #include "FSEventsPoll.h"
 #include "InotifyWatchTable.h"
 #include "MVLog.h"
+#include "MVRunLoop.h"
 #include "VolumesMountinfo.h"
 
 namespace quillon {
@@ -39,6 +43,7 @@ class LinuxStream final : public MVFSEventsBackend {
             InotifyOptions{[this](const std::string& folder) { return skipped_.count(folder) > 0; },
                            [this](const std::string& root) { limitReached(root); }})),
         poll_(createPollBackend()) {}
+  ~LinuxStream() override { stopWatchingMounts(); }
 
   void setPolledPaths(const std::vector<std::string>& paths) override {
     forced_.clear();
@@ -49,9 +54,26 @@ class LinuxStream final : public MVFSEventsBackend {
   void start(const std::vector<std::string>& paths, double latency, BatchHandler onBatch) override {
     onBatch_ = std::move(onBatch);
     latency_ = latency;
-    std::set<std::string> wanted;
+    wanted_.clear();
     for (const auto& path : paths)
-      if (!path.empty()) wanted.insert(normalized(path));
+      if (!path.empty()) wanted_.insert(normalized(path));
+    active_ = true;
+    if (wanted_.empty())
+      stopWatchingMounts();
+    else
+      watchMounts();
+    apply();
+  }
+
+  void stop() override {
+    active_ = false;
+    inotify_->stop();
+    poll_->stop();
+  }
+
+ private:
+  void apply() {
+    const std::set<std::string>& wanted = wanted_;
     choose(wanted);
 
     std::vector<std::string> local;
@@ -59,17 +81,50 @@ class LinuxStream final : public MVFSEventsBackend {
       if (!polled_.count(root) || limited_.count(root)) local.push_back(root);
     auto handler = [this](const std::vector<MVFSEventRecord>& records) { deliver(records); };
     starting_ = true;
-    inotify_->start(local, latency, handler);
+    inotify_->start(local, latency_, handler);
     starting_ = false;
     startPolling();
   }
 
-  void stop() override {
-    inotify_->stop();
-    poll_->stop();
+  // A share mounted or unmounted at or inside a watched folder changes how
+  // that folder is watched, without waiting for the stream to be re-created.
+  void watchMounts() {
+    if (mountSource_) return;
+    mountTable_ = ::open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    if (mountTable_ < 0) return;
+    // The kernel flags a changed table as an exceptional condition.
+    mountSource_ = MVRunLoop::main().addIOSource(mountTable_, MVRunLoop::kError, [this](unsigned) {
+      char buffer[4096];
+      ::lseek(mountTable_, 0, SEEK_SET);
+      while (::read(mountTable_, buffer, sizeof buffer) > 0) {
+      }
+      if (active_) shareMountedOrUnmounted();
+      return true;
+    });
   }
 
- private:
+  // A new share is polled at once. One that went away stays polled until the
+  // stream is re-created: its own scan reports the unmount, and the folder
+  // under it goes on being read.
+  void shareMountedOrUnmounted() {
+    auto polled = polled_;
+    auto skipped = skipped_;
+    auto limited = limited_;
+    choose(wanted_);
+    for (const auto& [path, why] : polled_)
+      if (!polled.count(path)) return apply();
+    polled_ = std::move(polled);
+    skipped_ = std::move(skipped);
+    limited_ = std::move(limited);
+  }
+
+  void stopWatchingMounts() {
+    if (mountSource_) mountSource_->invalidate();
+    mountSource_.reset();
+    if (mountTable_ >= 0) ::close(mountTable_);
+    mountTable_ = -1;
+  }
+
   // Decides, for every watched path and every mount point inside one, how
   // it is watched; `polled_` and `skipped_` hold the outcome.
   void choose(const std::set<std::string>& wanted) {
@@ -152,6 +207,10 @@ class LinuxStream final : public MVFSEventsBackend {
   BatchHandler onBatch_;
   double latency_ = 1.0;
   bool starting_ = false;
+  bool active_ = false;
+  std::set<std::string> wanted_;
+  int mountTable_ = -1;
+  std::shared_ptr<MVIOSource> mountSource_;
   std::set<std::string> forced_;
   std::map<std::string, std::string> polled_;
   std::set<std::string> skipped_;
