@@ -3,24 +3,15 @@
 // as the preferences application writes them, movies copied into real
 // folders. The agent runs as root inside its own mount namespace (see
 // tests/e2e/run-agent.sh), so its log lands in a folder of the test.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "AgentProcess.h"
 #include "MVRunLoop.h"
 #include "PrivateSessionBus.h"
 #include "TestSupport.h"
-
-extern char** environ;
 
 namespace fs = std::filesystem;
 using namespace quillon_test;
@@ -29,56 +20,29 @@ namespace {
 
 const std::string kE2E = std::string(QUILLON_SOURCE_DIR) + "/tests/e2e";
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
-std::string settingsPath(const std::string& home) { return home + "/.config/com.morvane.Quillon.plist"; }
-
-// `json`: the root dictionary, e.g. {"watchFolders": ["/a"], "notifyGrowl": 1}.
-void writeSettings(const std::string& home, const std::string& json) {
-  ASSERT_EQ(shell("/usr/bin/python3 " + kE2E + "/write-settings.py " + quoted(settingsPath(home)) + " " + quoted(json)),
-            0);
-}
+void writeSettings(const std::string& home, const std::string& json) { ASSERT_TRUE(writeAgentSettings(home, json)); }
 
 std::string readSettings(const std::string& home) {
-  std::string json = shellOutput("/usr/bin/python3 " + kE2E + "/read-settings.py " + quoted(settingsPath(home)));
-  while (!json.empty() && json.back() == '\n') json.pop_back();
-  return json;
-}
-
-void writeMovie(const std::string& path) {
-  std::ofstream out(path, std::ios::binary);
-  std::string frames(300000, 'f');
-  out.write(frames.data(), static_cast<std::streamsize>(frames.size()));
+  std::string json = shellOutput("/usr/bin/python3 " + kE2E + "/read-settings.py '" + agentSettingsPath(home) + "'");
+  return json.substr(0, json.find_last_not_of('\n') + 1);
 }
 
 class AgentEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(fs::exists(binPath("quillon-helper"))) << "build the quillon-helper target first";
-    ASSERT_TRUE(bus.isRunning()) << bus.error();
-    calls = makeTempDir("notifications") + "/calls.log";
-    bus.startDaemon("/usr/bin/python3 -m dbusmock --template notification_daemon -l " + calls +
-                    " >/dev/null 2>&1");
-    ASSERT_TRUE(bus.waitForOwner("org.freedesktop.Notifications", 20));
+    ASSERT_TRUE(session.ready()) << session.bus.error();
     home = makeTempDir("agent-home");
   }
-
-  // Notify calls from the agent that show `body` under "Render Complete".
+  // Notifications from the agent that show `body` under "Render Complete".
   std::size_t notified(const std::string& body) const {
-    std::istringstream lines(fileExists(calls) ? readFile(calls) : std::string());
-    std::size_t n = 0;
-    for (std::string line; std::getline(lines, line);)
-      if (line.find("Notify \"Quillon\" ") != std::string::npos &&
-          line.find("\"Render Complete\" \"" + body + "\"") != std::string::npos)
-        ++n;
-    return n;
+    return session.notified("\"Render Complete\" \"" + body + "\"");
   }
   bool waitForNotification(const std::string& body, double seconds = 30) const {
     return waitUntil([&] { return notified(body) >= 1; }, seconds);
   }
 
-  PrivateSessionBus bus;
-  std::string calls;
+  NotifyingBus session;
   std::string home;
 };
 
@@ -94,7 +58,7 @@ TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnEitherReload) {
   ASSERT_TRUE(agent.waitUntilWatching(a, 20)) << agent.log();
 
   writeMovie(a + "/a1.mov");
-  ASSERT_TRUE(waitForNotification("File: a1.mov")) << agent.log() << readFile(calls);
+  ASSERT_TRUE(waitForNotification("File: a1.mov")) << agent.log() << session.server.log();
   ASSERT_TRUE(agent.waitForLog("Render complete", 1, 10));
   EXPECT_EQ(agent.logCount("fullPath = " + a + "/a1.mov;"), 1u) << agent.log();
   EXPECT_EQ(agent.logCount("Checking folders"), 1u);
@@ -147,11 +111,11 @@ TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnEitherReload) {
 
 TEST_F(AgentEndToEnd, FirstRunWithDefaultSettingsWatchesTheRendersFolder) {
   const std::string renders = home + "/Videos/Renders";
-  ASSERT_FALSE(fs::exists(settingsPath(home)));
+  ASSERT_FALSE(fs::exists(agentSettingsPath(home)));
   {
     Agent agent(home, {"--default-settings"});
     ASSERT_TRUE(agent.started());
-    ASSERT_TRUE(waitUntil([&] { return fs::exists(settingsPath(home)); }, 20)) << agent.log();
+    ASSERT_TRUE(waitUntil([&] { return fs::exists(agentSettingsPath(home)); }, 20)) << agent.log();
     EXPECT_EQ(readSettings(home),
               R"({"notifyGrowl": 1, "notifySound": 1, "watchFolders": [")" + renders + R"("]})");
     EXPECT_TRUE(fs::is_directory(renders));
@@ -164,7 +128,7 @@ TEST_F(AgentEndToEnd, FirstRunWithDefaultSettingsWatchesTheRendersFolder) {
     ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
     EXPECT_EQ(WEXITSTATUS(status), 0);
     // Printed once the agent has ended (standard output is a file here).
-    EXPECT_NE(agent.output().find("no settings found; wrote " + settingsPath(home) + " watching " + renders),
+    EXPECT_NE(agent.output().find("no settings found; wrote " + agentSettingsPath(home) + " watching " + renders),
               std::string::npos)
         << agent.output();
   }

@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "AgentProcess.h"
@@ -18,61 +16,10 @@ using namespace quillon_test;
 
 namespace {
 
-void writeMovie(const std::string& path) { writeFile(path, std::string(300000, 'f')); }
-
-void writeWatchSettings(const std::string& home, const std::string& folder) {
-  std::string script = "import plistlib,sys; plistlib.dump({'watchFolders': [sys.argv[2]], 'notifySound': 0}, "
-                       "open(sys.argv[1], 'wb'), fmt=plistlib.FMT_BINARY)";
-  fs::create_directories(home + "/.config");
-  ASSERT_EQ(shell("/usr/bin/python3 -c \"" + script + "\" '" + home + "/.config/com.morvane.Quillon.plist' '" +
-                  folder + "'"),
-            0);
+void writeWatchSettings(const std::string& home, const std::string& folder, bool notify = false) {
+  ASSERT_TRUE(writeAgentSettings(home, "{\"watchFolders\": [\"" + folder + "\"], \"notifySound\": 0" +
+                                           (notify ? ", \"notifyGrowl\": 1}" : "}")));
 }
-
-void writeAnnouncingSettings(const std::string& home, const std::string& folder) {
-  ASSERT_EQ(shell("/usr/bin/python3 " + std::string(QUILLON_SOURCE_DIR) + "/tests/e2e/write-settings.py '" + home +
-                  "/.config/com.morvane.Quillon.plist' '{\"watchFolders\": [\"" + folder +
-                  "\"], \"notifyGrowl\": 1, \"notifySound\": 0}'"),
-            0);
-}
-
-// Sets an environment variable for the agents started while it lives.
-class ScopedEnvironment {
- public:
-  ScopedEnvironment(const char* name, const std::string& value) : name_(name) { setenv(name, value.c_str(), 1); }
-  ~ScopedEnvironment() { unsetenv(name_); }
-  ScopedEnvironment(const ScopedEnvironment&) = delete;
-  ScopedEnvironment& operator=(const ScopedEnvironment&) = delete;
-
- private:
-  const char* name_;
-};
-
-// A private bus with a notification server that records every Notify call.
-class NotifiedBus {
- public:
-  NotifiedBus() : calls_(makeTempDir("fault-notifications") + "/calls.log") {
-    if (!bus_.isRunning()) return;
-    bus_.startDaemon("/usr/bin/python3 -m dbusmock --template notification_daemon -l " + calls_ +
-                     " >/dev/null 2>&1");
-    ready_ = bus_.waitForOwner("org.freedesktop.Notifications", 20);
-  }
-  bool ready() const { return ready_; }
-  std::string error() const { return bus_.error(); }
-  // Notify calls that name `file`.
-  std::size_t announced(const std::string& file) const {
-    std::istringstream lines(fileExists(calls_) ? readFile(calls_) : std::string());
-    std::size_t n = 0;
-    for (std::string line; std::getline(lines, line);)
-      if (line.find("Notify \"Quillon\" ") != std::string::npos && line.find("File: " + file) != std::string::npos) ++n;
-    return n;
-  }
-
- private:
-  PrivateSessionBus bus_;
-  std::string calls_;
-  bool ready_ = false;
-};
 
 }  // namespace
 
@@ -146,14 +93,14 @@ TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.fault);
-    NotifiedBus bus;
-    ASSERT_TRUE(bus.ready()) << bus.error();
+    NotifyingBus bus;
+    ASSERT_TRUE(bus.ready()) << bus.bus.error();
     std::string home = makeTempDir("faults-log-home");
     std::string folder = home + "/Renders";
     fs::create_directories(folder);
-    writeAnnouncingSettings(home, folder);
+    writeWatchSettings(home, folder, true);
 
-    ScopedEnvironment fault("QUILLON_TEST_LOG_FAULT", c.fault);
+    EnvOverride fault("QUILLON_TEST_LOG_FAULT", c.fault);
     Agent agent(home);
     // Without a log there is no sign of the watch being ready: write a
     // render, give it the time an announcement takes, and write another if
@@ -163,7 +110,7 @@ TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
     while (!announced && written < 4 && agent.running()) {
       std::string name = "take" + std::to_string(++written) + ".mov";
       writeMovie(folder + "/" + name);
-      announced = waitUntil([&] { return bus.announced(name) > 0; }, 15);
+      announced = waitUntil([&] { return bus.notified("File: " + name) > 0; }, 15);
     }
     EXPECT_TRUE(announced) << agent.output();
     EXPECT_TRUE(agent.running()) << agent.output();
@@ -175,16 +122,16 @@ TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
 }
 
 TEST(AgentFaults, AWatchedFolderRenamedOrUnreadableIsLoggedAndLeftAlone) {
-  NotifiedBus bus;
-  ASSERT_TRUE(bus.ready()) << bus.error();
+  NotifyingBus bus;
+  ASSERT_TRUE(bus.ready()) << bus.bus.error();
   std::string home = makeTempDir("faults-perm-home");
   std::string folder = home + "/Renders";
   fs::create_directories(folder);
-  writeAnnouncingSettings(home, folder);
+  writeWatchSettings(home, folder, true);
 
   // As root the agent could read any folder; without that right it meets
   // file modes as a user's agent does.
-  ScopedEnvironment dropRights("QUILLON_TEST_DROP_DAC", "1");
+  EnvOverride dropRights("QUILLON_TEST_DROP_DAC", "1");
   Agent agent(home);
   ASSERT_TRUE(agent.waitForLog("Setting up...", 1, 20)) << agent.output();
   ASSERT_TRUE(agent.waitUntilWatching(folder, 20)) << agent.log();
@@ -199,7 +146,7 @@ TEST(AgentFaults, AWatchedFolderRenamedOrUnreadableIsLoggedAndLeftAlone) {
                               fs::perms::others_read | fs::perms::others_exec);
   MVRunLoop::main().runFor(6.0);
   writeMovie(folder + "/readable.mov");
-  EXPECT_TRUE(waitUntil([&] { return bus.announced("readable.mov") > 0; }, 30)) << agent.log();
+  EXPECT_TRUE(waitUntil([&] { return bus.notified("File: readable.mov") > 0; }, 30)) << agent.log();
 
   // Renamed away: nothing is announced from the old tree under its new
   // name, and a new folder at the watched path is picked up.
@@ -207,11 +154,11 @@ TEST(AgentFaults, AWatchedFolderRenamedOrUnreadableIsLoggedAndLeftAlone) {
   fs::rename(folder, moved);
   writeMovie(moved + "/ghost.mov");
   MVRunLoop::main().runFor(9.0);
-  EXPECT_EQ(bus.announced("ghost.mov"), 0u) << agent.log();
+  EXPECT_EQ(bus.notified("File: ghost.mov"), 0u) << agent.log();
   fs::create_directories(folder);
   ASSERT_TRUE(agent.waitUntilWatching(folder, 20)) << agent.log();
   writeMovie(folder + "/after-rename.mov");
-  EXPECT_TRUE(waitUntil([&] { return bus.announced("after-rename.mov") > 0; }, 30)) << agent.log();
+  EXPECT_TRUE(waitUntil([&] { return bus.notified("File: after-rename.mov") > 0; }, 30)) << agent.log();
   EXPECT_TRUE(agent.running());
   EXPECT_EQ(fs::file_size(moved + "/locked.mov"), 300000u);
   EXPECT_EQ(fs::file_size(moved + "/readable.mov"), 300000u);

@@ -102,12 +102,10 @@ TEST(AvidWatcherTest, FollowsAvidVolumesAndAnnouncesFinishedMXFRenders) {
   writeRender(clipFolder + "/Reference.mov");
   ASSERT_TRUE(waitForAnnouncement(clipFolder + "/V01A23BC.mxf"));
   ASSERT_TRUE(waitForFolderChecks());
-  auto renders = announcedRenders();
-  ASSERT_EQ(renders.count(clipFolder + "/V01A23BC.mxf"), 1u);
-  EXPECT_EQ(renders[clipFolder + "/V01A23BC.mxf"]["type"], "avidRender");
-  EXPECT_EQ(renders[clipFolder + "/V01A23BC.mxf"]["watchFilename"], "V01A23BC.mxf");
-  EXPECT_EQ(renders[clipFolder + "/V01A23BC.mxf"].count("projectName"), 0u);
-  EXPECT_EQ(renders.count(clipFolder + "/Reference.mov"), 0u);
+  EXPECT_EQ(announced(clipFolder + "/V01A23BC.mxf", "type"), "avidRender");
+  EXPECT_EQ(announced(clipFolder + "/V01A23BC.mxf", "watchFilename"), "V01A23BC.mxf");
+  EXPECT_EQ(announced(clipFolder + "/V01A23BC.mxf", "projectName"), "");
+  EXPECT_EQ(announced(clipFolder + "/Reference.mov", "type"), "-");
 
   // Unmounting drops the folder from the stream.
   volumes.unmount(media);

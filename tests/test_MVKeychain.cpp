@@ -3,16 +3,13 @@
 // and reader.
 #include <gtest/gtest.h>
 
-#include <signal.h>
-#include <sys/stat.h>
-
 #include <atomic>
-#include <cstdlib>
 #include <string>
 #include <thread>
 
 #include "KeychainSecretService.h"
 #include "MVKeychain.h"
+#include "PrivateSessionBus.h"
 #include "TestSupport.h"
 
 namespace {
@@ -40,42 +37,15 @@ std::string secretToolLookup(const std::string& attributes) {
 class MVKeychainTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    std::string runtime = quillon_test::makeTempDir("runtime");
-    chmod(runtime.c_str(), 0700);
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-
-    std::string bus = shellOutput("dbus-daemon --session --fork --print-address=1 --print-pid=1");
-    auto newline = bus.find('\n');
-    ASSERT_NE(newline, std::string::npos) << bus;
-    busPid_ = std::atoi(bus.c_str() + newline + 1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", bus.substr(0, newline).c_str(), 1);
-
-    // The keyring reads its login password on standard input and creates an
-    // unlocked login keyring with it.
-    keyringPid_ = std::atoi(shellOutput("printf test-login | gnome-keyring-daemon --foreground --unlock "
-                                        "--components=secrets >/dev/null 2>&1 & echo $!")
-                                .c_str());
-    // Wait for this daemon's name, so that no query starts another by activation.
-    bool ready = quillon_test::waitUntil(
-        [] {
-          return shellOutput("dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
-                             "org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets 2>/dev/null")
-                     .find("true") != std::string::npos;
-        },
-        20);
-    ASSERT_TRUE(ready) << "gnome-keyring-daemon did not come up";
+    bus_ = new quillon_test::PrivateSessionBus;
+    ASSERT_TRUE(bus_->startKeyring()) << "gnome-keyring-daemon did not come up " << bus_->error();
     MVKeychain::setBackend(quillon::createSecretServiceKeychain());
   }
-
   static void TearDownTestSuite() {
     MVKeychain::setBackend(nullptr);
-    if (keyringPid_ > 0) kill(keyringPid_, SIGTERM);
-    if (busPid_ > 0) kill(busPid_, SIGTERM);
-    unsetenv("DBUS_SESSION_BUS_ADDRESS");
+    delete bus_;
   }
-
-  static inline int busPid_ = 0;
-  static inline int keyringPid_ = 0;
+  static inline quillon_test::PrivateSessionBus* bus_ = nullptr;
 };
 
 TEST(MVKeychainWithoutBusTest, SaysSoAndFindsNothing) {
@@ -107,16 +77,12 @@ TEST_F(MVKeychainTest, ReadsTheAgentPasswordThatSecretToolStored) {
   ASSERT_NE(item, nullptr);
   EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(item.get()), "s3cret pässwörd");
   EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecAccountItemAttr), address);
-  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecDescriptionItemAttr), "Email password");
-  EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecLabelItemAttr), name);
   EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecServiceItemAttr), std::nullopt);
   EXPECT_EQ(MVKeychain::attributeFromKeychainItemRef(item.get(), kSecModDateItemAttr).value_or("").size(), 15u);
 
   // Any attribute that differs, or one the item lacks, matches nothing.
   EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, "Email password", "other@example.com", ""), std::nullopt);
   EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, "Email password", address, "smtp.example.com"), std::nullopt);
-  EXPECT_EQ(MVKeychain::keychainItem(name, "Web password", address, ""), nullptr);
-  EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(nullptr), std::nullopt);
 
   // The mail senders read it on worker threads while the main loop runs.
   std::optional<std::string> fromWorker;
@@ -163,17 +129,6 @@ TEST_F(MVKeychainTest, AddModifyDeleteAsSecretToolSeesThem) {
   EXPECT_FALSE(MVKeychain::deleteAllKeychainItems("", ""));
 }
 
-TEST_F(MVKeychainTest, WithoutAnyIdentifyingArgumentNothingHappens) {
-  EXPECT_FALSE(MVKeychain::addKeychainItem("", "", "", "password", ""));
-  EXPECT_FALSE(MVKeychain::checkForExistenceOfKeychainItem("", "", "", ""));
-  EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("", "", "", ""), std::nullopt);
-  EXPECT_FALSE(MVKeychain::modifyKeychainItem("", "", "", "", "password"));
-  EXPECT_FALSE(MVKeychain::deleteKeychainItem("", "", "", ""));
-  // Nothing was stored on the way.
-  EXPECT_EQ(shellOutput("secret-tool search --all xdg:schema com.morvane.Keychain.GenericPassword 2>&1 | grep -c 'secret = password$'"),
-            "0\n");
-}
-
 TEST_F(MVKeychainTest, StoresCharacterCountOfBytesAndReadsAtMost1023) {
   // Stored bytes are cut to the length in characters, so non-ASCII text comes
   // back short; a character cut in two is dropped when read.
@@ -207,25 +162,13 @@ TEST_F(MVKeychainTest, TrustedApplicationsAndCertificatesAnswerEmptyAndSaySoOnce
   ASSERT_TRUE(MVKeychain::addKeychainItem("Apps", "Kind", "eve", "pw", "", {"/usr/bin/quillon-prefs"}));
   auto item = MVKeychain::keychainItem("Apps", "Kind", "eve", "");
   ASSERT_NE(item, nullptr);
-  MVKeychain::addTrustedAppAtPath("/usr/bin/quillon-helper", item.get());
-  EXPECT_TRUE(MVKeychain::trustedAppsForItemRef(item.get()).empty());
-  EXPECT_TRUE(MVKeychain::trustedAppsForItemRef(item.get()).empty());
-  auto certificates = MVKeychain::certificateNames();
-  auto again = MVKeychain::certificateNames();
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(MVKeychain::trustedAppsForItemRef(item.get()).empty());
+    EXPECT_TRUE(MVKeychain::certificateNames().value_or(std::vector<std::string>{"x"}).empty());
+  }
   std::string console = ::testing::internal::GetCapturedStderr();
-
-  ASSERT_TRUE(certificates.has_value());
-  EXPECT_TRUE(certificates->empty());
-  EXPECT_TRUE(again.has_value());
-  EXPECT_NE(console.find("app path: /usr/bin/quillon-helper"), std::string::npos) << console;
-  auto count = [&console](const std::string& text) {
-    std::size_t n = 0;
-    for (auto at = console.find(text); at != std::string::npos; at = console.find(text, at + 1)) ++n;
-    return n;
-  };
-  EXPECT_EQ(count("no per-item lists of trusted applications"), 1u) << console;
-  EXPECT_EQ(count("keeps no certificates"), 1u) << console;
-  // The item itself was stored and stays readable.
+  EXPECT_EQ(quillon_test::timesIn(console, "no per-item lists of trusted applications"), 1u) << console;
+  EXPECT_EQ(quillon_test::timesIn(console, "keeps no certificates"), 1u) << console;
   EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(item.get()), "pw");
 }
 

@@ -148,9 +148,8 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   const std::string render = renderFolder + "/Documentary Cut/Sequence 1-0000001.mov";
   writeRender(render);
   ASSERT_TRUE(waitForAnnouncement(render));
-  auto renders = announcedRenders();
-  EXPECT_EQ(renders[render]["type"], "fcpRender");
-  EXPECT_EQ(renders[render]["projectName"], "Documentary Cut");
+  EXPECT_EQ(announced(render, "type"), "fcpRender");
+  EXPECT_EQ(announced(render, "projectName"), "Documentary Cut");
 
   // Choosing another render folder is noticed through the preference
   // folder, but Final Cut Pro rewrites it often, so it is looked at again at
@@ -174,9 +173,8 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   const std::string looseRender = newRenderFolder + "/Untitled-0000001.mov";
   writeRender(looseRender);
   ASSERT_TRUE(waitForAnnouncement(looseRender));
-  renders = announcedRenders();
-  EXPECT_EQ(renders[looseRender]["type"], "fcpRender");
-  EXPECT_EQ(renders[looseRender].count("projectName"), 0u);
+  EXPECT_EQ(announced(looseRender, "type"), "fcpRender");
+  EXPECT_EQ(announced(looseRender, "projectName"), "");
 
   MVFCPPrefParser::setApplicationsFolderForTesting(std::nullopt);
   MVFCPPrefParser::setBootVolumeNameForTesting(std::nullopt);
@@ -201,9 +199,8 @@ TEST_F(RenderSourcesTest, PremierePreviewFoldersComeFromRecentProjectsAndAreRefr
   const std::string render = preview + "/Feature.PRV/Rendered - 3c7a.mov";
   writeRender(render);
   ASSERT_TRUE(waitForAnnouncement(render));
-  auto renders = announcedRenders();
-  EXPECT_EQ(renders[render]["type"], "premiereRender");
-  EXPECT_EQ(renders[render]["projectName"], "Feature");
+  EXPECT_EQ(announced(render, "type"), "premiereRender");
+  EXPECT_EQ(announced(render, "projectName"), "Feature");
 
   // The refresh follows the recent projects: a folder that left the list
   // stays watched but no longer counts as Premiere's.
@@ -259,10 +256,9 @@ TEST_F(RenderSourcesTest, MediaEncoderQueueLogIsAnnouncedWhenItsQueueStopped) {
 
   ASSERT_TRUE(waitForAnnouncement(stopped));
   ASSERT_TRUE(waitForFolderChecks());
-  auto renders = announcedRenders();
-  EXPECT_EQ(renders[stopped]["type"], "ameQueue");
-  EXPECT_EQ(renders.count(inDocuments + "/AMEEncodingLog.txt"), 0u);
-  EXPECT_EQ(renders.count(olderInDocuments + "/AMEEncodingLog.txt"), 0u);
+  EXPECT_EQ(announced(stopped, "type"), "ameQueue");
+  EXPECT_EQ(announced(inDocuments + "/AMEEncodingLog.txt", "type"), "-");
+  EXPECT_EQ(announced(olderInDocuments + "/AMEEncodingLog.txt", "type"), "-");
   EXPECT_EQ(countInLog("AME queue stopped"), 1u);
   EXPECT_EQ(countInLog("Error getting contents of AME log: "), 1u);
 }

@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <map>
 #include <new>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -69,38 +67,20 @@ inline std::string logText() {
   return quillon_test::readFile(MVLog::currentLogPath());
 }
 
-inline std::size_t countInLog(const std::string& text) {
-  std::string log = logText();
-  std::size_t count = 0;
-  for (std::size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + text.size())) ++count;
-  return count;
-}
+inline std::size_t countInLog(const std::string& text) { return quillon_test::timesIn(logText(), text); }
 
-// Every render description the controller handed to its outcome dispatch,
-// keyed by "fullPath", as its "Render finished: {...}" log lines show them.
-inline std::map<std::string, std::map<std::string, std::string>> announcedRenders() {
-  std::map<std::string, std::map<std::string, std::string>> renders;
-  std::istringstream lines(logText());
-  std::map<std::string, std::string>* current = nullptr;
-  std::map<std::string, std::string> fields;
-  for (std::string line; std::getline(lines, line);) {
-    if (line.find("Render finished: {") != std::string::npos) {
-      fields.clear();
-      current = &fields;
-      continue;
-    }
-    if (!current) continue;
-    if (line == "}") {
-      renders[fields["fullPath"]] = fields;
-      current = nullptr;
-      continue;
-    }
-    std::size_t equals = line.find(" = ");
-    if (equals == std::string::npos || line.back() != ';') continue;
-    std::size_t start = line.find_first_not_of(' ');
-    (*current)[line.substr(start, equals - start)] = line.substr(equals + 3, line.size() - equals - 4);
-  }
-  return renders;
+// A field of the render description the controller announced for `path`
+// (its "Render finished: {...}" log line); "" when absent, "-" when the
+// render was not announced at all.
+inline std::string announced(const std::string& path, const std::string& field) {
+  std::string log = logText();
+  std::size_t at = log.find("\n    fullPath = " + path + ";\n");
+  if (at == std::string::npos) return "-";
+  std::size_t begin = log.rfind("Render finished: {", at), end = log.find("\n}", at);
+  std::size_t value = log.find("\n    " + field + " = ", begin);
+  if (value == std::string::npos || value > end) return "";
+  value = log.find(" = ", value) + 3;
+  return log.substr(value, log.find(";\n", value) - value);
 }
 
 // Turns the loop until the controller has recorded `path` as announced.

@@ -13,17 +13,35 @@
 #include <vector>
 
 #include "MVRunLoop.h"
+#include "PrivateSessionBus.h"
 #include "TestSupport.h"
 
 extern char** environ;
 
 namespace quillon_test {
 
-inline std::size_t countIn(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
-  return n;
+inline std::size_t countIn(const std::string& text, const std::string& part) { return timesIn(text, part); }
+
+inline std::string agentSettingsPath(const std::string& home) { return home + "/.config/com.morvane.Quillon.plist"; }
+
+// Writes the agent's settings as the preferences application does; `json`
+// is the root dictionary, e.g. {"watchFolders": ["/a"], "notifyGrowl": 1}.
+inline bool writeAgentSettings(const std::string& home, const std::string& json) {
+  return shell("/usr/bin/python3 " + std::string(QUILLON_SOURCE_DIR) + "/tests/e2e/write-settings.py '" +
+               agentSettingsPath(home) + "' '" + json + "'") == 0;
 }
+
+// A movie big enough to be announced, written in one go.
+inline void writeMovie(const std::string& path) { writeFile(path, std::string(300000, 'f')); }
+
+// A private session bus with a notification server that records each call.
+struct NotifyingBus {
+  PrivateSessionBus bus;
+  PrivateSessionBus::Mock server = bus.startMock("org.freedesktop.Notifications", "notification_daemon");
+  bool ready() const { return server.started(); }
+  // The agent's notifications whose text holds `part`.
+  std::size_t notified(const std::string& part) const { return linesWith(server.log(), "Notify \"Quillon\" ", part); }
+};
 
 // One run of build/bin/quillon-helper with HOME set to `home`.
 class Agent {

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 #include "TestSupport.h"
@@ -65,6 +66,26 @@ pid_t PrivateSessionBus::startDaemon(const std::string& shellCommand) {
   if (pid > 0) daemons_.push_back(pid);
   return pid;
 }
+
+void PrivateSessionBus::stopDaemon(pid_t pid) {
+  auto it = std::find(daemons_.begin(), daemons_.end(), pid);
+  if (it == daemons_.end()) return;
+  daemons_.erase(it);
+  kill(pid, SIGTERM);
+  waitpid(pid, nullptr, 0);
+}
+
+PrivateSessionBus::Mock PrivateSessionBus::startMock(const std::string& busName, const std::string& mockTemplate) {
+  Mock mock;
+  if (!isRunning()) return mock;
+  mock.calls = makeTempDir("mock") + "/calls.log";
+  pid_t pid = startDaemon("/usr/bin/python3 -m dbusmock --template " + mockTemplate + " -l " + mock.calls +
+                          " >/dev/null 2>&1");
+  if (pid > 0 && waitForOwner(busName, 20)) mock.pid = pid;
+  return mock;
+}
+
+std::string PrivateSessionBus::Mock::log() const { return fileExists(calls) ? readFile(calls) : std::string(); }
 
 bool PrivateSessionBus::startKeyring() {
   if (!isRunning()) return false;

@@ -34,6 +34,19 @@ class PrivateSessionBus {
 
   // Starts a program on the bus and records it to be killed at the end.
   pid_t startDaemon(const std::string& shellCommand);
+  // Ends one program started here, before the bus ends.
+  void stopDaemon(pid_t pid);
+
+  // A python3-dbusmock service, every method call it gets logged to `calls`.
+  struct Mock {
+    pid_t pid = 0;
+    std::string calls;
+    bool started() const { return pid > 0; }
+    std::string log() const;  // what `calls` holds so far
+  };
+  // Starts dbusmock with a template (a name or a script's path) and waits
+  // until it owns `busName`; a Mock that did not start otherwise.
+  Mock startMock(const std::string& busName, const std::string& mockTemplate);
 
   // Whether `name` currently has an owner on this bus.
   bool hasOwner(const std::string& name) const;

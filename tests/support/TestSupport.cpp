@@ -8,6 +8,7 @@
 #include <string>
 #include <unistd.h>
 
+#include "MVLog.h"
 #include "MVRunLoop.h"
 
 namespace fs = std::filesystem;
@@ -76,5 +77,45 @@ std::string shellOutput(const std::string& command) {
 }
 
 std::string binPath(const std::string& name) { return std::string(QUILLON_BINARY_DIR) + "/bin/" + name; }
+
+std::size_t timesIn(const std::string& text, const std::string& part) {
+  std::size_t n = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
+  return n;
+}
+
+std::size_t linesWith(const std::string& text, const std::string& part, const std::string& also) {
+  std::istringstream lines(text);
+  std::size_t n = 0;
+  for (std::string line; std::getline(lines, line);)
+    if (line.find(part) != std::string::npos && line.find(also) != std::string::npos) ++n;
+  return n;
+}
+
+EnvOverride::EnvOverride(const char* name, std::optional<std::string> value) : name_(name) {
+  if (const char* old = std::getenv(name)) old_ = old;
+  if (value)
+    setenv(name, value->c_str(), 1);
+  else
+    unsetenv(name);
+}
+
+EnvOverride::~EnvOverride() {
+  if (old_)
+    setenv(name_, old_->c_str(), 1);
+  else
+    unsetenv(name_);
+}
+
+namespace {
+std::string wholeLog() {
+  MVLog::finishWriting();
+  std::string path = MVLog::currentLogPath();
+  return fileExists(path) ? readFile(path) : std::string();
+}
+}  // namespace
+
+LogSince::LogSince() : offset_(wholeLog().size()) {}
+std::string LogSince::text() const { return wholeLog().substr(offset_); }
 
 }  // namespace quillon_test

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <functional>
+#include <optional>
 #include <string>
 
 namespace quillon_test {
@@ -27,5 +28,34 @@ std::string shellOutput(const std::string& command);
 
 // The path of a built program in build/bin.
 std::string binPath(const std::string& name);
+
+// How often `part` occurs in `text`.
+std::size_t timesIn(const std::string& text, const std::string& part);
+// Lines of `text` that hold `part` and, when given, `also`.
+std::size_t linesWith(const std::string& text, const std::string& part, const std::string& also = "");
+
+// Sets (or, with nullopt, unsets) an environment variable for one scope.
+class EnvOverride {
+ public:
+  EnvOverride(const char* name, std::optional<std::string> value);
+  ~EnvOverride();
+  EnvOverride(const EnvOverride&) = delete;
+  EnvOverride& operator=(const EnvOverride&) = delete;
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+// This process's log (MVLog) from the moment the reader was made on.
+class LogSince {
+ public:
+  LogSince();
+  std::string text() const;
+  std::size_t count(const std::string& part) const { return timesIn(text(), part); }
+
+ private:
+  std::size_t offset_ = 0;
+};
 
 }  // namespace quillon_test
