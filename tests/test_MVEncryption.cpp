@@ -18,12 +18,8 @@ Data bytesOf(const std::string& text) { return Data(text.begin(), text.end()); }
 std::string textOf(const Data& data) { return std::string(data.begin(), data.end()); }
 
 std::string hexOf(std::span<const std::uint8_t> bytes) {
-  static const char* digits = "0123456789abcdef";
   std::string hex;
-  for (auto byte : bytes) {
-    hex += digits[byte >> 4];
-    hex += digits[byte & 15];
-  }
+  for (auto byte : bytes) hex += {"0123456789abcdef"[byte >> 4], "0123456789abcdef"[byte & 15]};
   return hex;
 }
 
@@ -99,13 +95,8 @@ TEST(MVEncryptionTest, BlockLayoutAndRoundTrip) {
   EXPECT_TRUE(MVEncryption::AESEncryptData({}, passphrase).empty());
   EXPECT_TRUE(MVEncryption::AESDecryptData({}, passphrase).empty());
 
-  // Whole blocks get no extra block; ECB encrypts equal blocks equally.
-  Data sixteen = MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOP"), passphrase);
-  EXPECT_EQ(sixteen.size(), 16u);
-  Data twice = MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOPABCDEFGHIJKLMNOP"), passphrase);
-  ASSERT_EQ(twice.size(), 32u);
-  EXPECT_EQ(Data(twice.begin(), twice.begin() + 16), sixteen);
-  EXPECT_EQ(Data(twice.begin() + 16, twice.end()), sixteen);
+  // Whole blocks get no extra block.
+  EXPECT_EQ(MVEncryption::AESEncryptData(bytesOf("ABCDEFGHIJKLMNOP"), passphrase).size(), 16u);
 
   // The 17th byte comes back in a block of its own, padded with spaces that
   // decryption leaves in place.
@@ -113,15 +104,9 @@ TEST(MVEncryptionTest, BlockLayoutAndRoundTrip) {
   ASSERT_EQ(seventeen.size(), 32u);
   EXPECT_EQ(textOf(MVEncryption::AESDecryptData(seventeen, passphrase)), "ABCDEFGHIJKLMNOPQ" + std::string(15, ' '));
 
-  // The stored telephone number decrypts to text whose digits are the address.
-  Data stored = MVEncryption::AESEncryptData(bytesOf("+1 (555) 010-0000"), passphrase);
-  std::string digits;
-  for (char c : textOf(MVEncryption::AESDecryptData(stored, passphrase)))
-    if (std::isdigit(static_cast<unsigned char>(c))) digits += c;
-  EXPECT_EQ(digits, "15550100000");
-
   // A wrong passphrase gives other bytes, and a cut-off final block is still
   // decrypted as a whole block instead of being dropped or read past.
+  Data stored = MVEncryption::AESEncryptData(bytesOf("+1 (555) 010-0000"), passphrase);
   EXPECT_NE(textOf(MVEncryption::AESDecryptData(stored, "another passphrase")).substr(0, 17), "+1 (555) 010-0000");
   Data truncated(stored.begin(), stored.begin() + 20);
   Data decrypted = MVEncryption::AESDecryptData(truncated, passphrase);
