@@ -97,19 +97,12 @@ TEST_F(MVGrowlTest, ClickIsPassedOnInProcessOnTheMainThread) {
       });
 
   MVGrowl::postGrowlNotification("Render Complete", "x", "", "", MVPlistValue("ctx"));
-  MVGrowl::postGrowlNotification("Render Complete", "y", "", "", MVPlistValue());
   auto shown = center_->take();
-  ASSERT_EQ(shown.size(), 2u);
+  ASSERT_EQ(shown.size(), 1u);
 
-  // The backend reports clicks on the main thread; the one without a context is dropped.
-  MVUserNotificationCenter::defaultUserNotificationCenter().notificationActivated(shown[1]);
-  EXPECT_TRUE(clicks.empty());
-  MVUserNotificationCenter::defaultUserNotificationCenter().notificationActivated(shown[0]);
-  ASSERT_EQ(clicks.size(), 1u);
-  EXPECT_EQ(clicks[0]["clickContext"], MVPlistValue("ctx"));
-
-  // A click reported elsewhere still reaches observers on the main thread,
-  // and the reporter waits until they have run.
+  // A click reported off the main thread reaches observers on it, and the
+  // reporter waits until they have run. (Clicks through a real notification
+  // server are tested with the desktop services.)
   std::atomic<bool> returned{false};
   std::thread worker([&] {
     MVUserNotificationCenter::defaultUserNotificationCenter().notificationActivated(shown[0]);
@@ -117,7 +110,8 @@ TEST_F(MVGrowlTest, ClickIsPassedOnInProcessOnTheMainThread) {
   });
   EXPECT_TRUE(waitUntil([&] { return returned.load(); }, 5));
   worker.join();
-  EXPECT_EQ(clicks.size(), 2u);
+  ASSERT_EQ(clicks.size(), 1u);
+  EXPECT_EQ(clicks[0]["clickContext"], MVPlistValue("ctx"));
   EXPECT_TRUE(onMain);
 }
 
