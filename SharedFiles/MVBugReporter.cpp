@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 #include "MVCrashLog.h"
@@ -58,6 +59,33 @@ std::optional<Date> modificationDate(const std::string& path) {
   return Date(std::chrono::duration_cast<Date::duration>(since));
 }
 
+// Name order with runs of digits compared by their value, as a file browser
+// sorts: the second report of one second ("..._host_2.crash") comes after the
+// first ("..._host.crash") and the tenth ("_10") after the ninth.
+bool sortsBefore(std::string_view a, std::string_view b) {
+  auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
+  std::size_t i = 0, j = 0;
+  while (i < a.size() && j < b.size()) {
+    if (isDigit(a[i]) && isDigit(b[j])) {
+      std::size_t endA = i, endB = j;
+      while (endA < a.size() && isDigit(a[endA])) ++endA;
+      while (endB < b.size() && isDigit(b[endB])) ++endB;
+      std::string_view runA = a.substr(i, endA - i), runB = b.substr(j, endB - j);
+      while (runA.size() > 1 && runA.front() == '0') runA.remove_prefix(1);
+      while (runB.size() > 1 && runB.front() == '0') runB.remove_prefix(1);
+      if (runA.size() != runB.size()) return runA.size() < runB.size();
+      if (runA != runB) return runA < runB;
+      i = endA;
+      j = endB;
+      continue;
+    }
+    if (a[i] != b[j]) return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[j]);
+    ++i;
+    ++j;
+  }
+  return a.size() - i < b.size() - j;
+}
+
 // The names in `folder` that begin with `prefix` (in any letter case), the
 // newest last: after the prefix, crash-log names carry the date and time.
 std::vector<std::string> crashLogNames(const std::string& folder, const std::string& prefix) {
@@ -68,8 +96,10 @@ std::vector<std::string> crashLogNames(const std::string& folder, const std::str
     if (strncasecmp(entry->d_name, prefix.c_str(), prefix.size()) == 0) names.emplace_back(entry->d_name);
   closedir(dir);
   std::sort(names.begin(), names.end(), [&](const std::string& a, const std::string& b) {
-    int order = a.compare(prefix.size(), std::string::npos, b, prefix.size(), std::string::npos);
-    return order != 0 ? order < 0 : a < b;
+    std::string_view restA = std::string_view(a).substr(prefix.size()), restB = std::string_view(b).substr(prefix.size());
+    if (sortsBefore(restA, restB)) return true;
+    if (sortsBefore(restB, restA)) return false;
+    return a < b;
   });
   return names;
 }
@@ -95,7 +125,7 @@ std::optional<std::string> findCrashLog(const std::string& name, Date launch) {
 }
 
 // One of the logs the crash handler writes for `name`:
-// "<name>_YYYY-MM-DD-<time>....crash", in the name's own letter case.
+// "<name>_YYYY-MM-DD-<time>_<host>[_<n>].crash", in the name's own letter case.
 bool isOwnCrashLog(const std::string& fileName, const std::string& name) {
   static const char kDatePattern[] = "dddd-dd-dd-";
   const std::size_t dateLength = sizeof kDatePattern - 1;

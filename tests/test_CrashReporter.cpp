@@ -127,8 +127,9 @@ TEST_F(CrashReporterTest, TenSuccessiveCrashesAreEachReportedOnce) {
     MVBugReporter::startBugReporter("Quillon", markers_);
     if (crash == 10) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    char name[64];
-    std::snprintf(name, sizeof name, "Quillon_2026-11-23-1010%02d_host.crash", crash);
+    // The last five within one second, numbered as the crash handler does.
+    std::string name = "Quillon_2026-11-23-1010" + std::to_string(10 + std::min(crash, 5)) + "_host" +
+                       (crash > 5 ? "_" + std::to_string(crash - 4) : "") + ".crash";
     written.push_back(crashLog(name, 0));
   }
   EXPECT_EQ(workspace_->opened(), written);
@@ -136,12 +137,11 @@ TEST_F(CrashReporterTest, TenSuccessiveCrashesAreEachReportedOnce) {
 
 // Only the ten newest of the agent's own logs stay; nothing else is touched.
 TEST_F(CrashReporterTest, OldCrashLogsOfTheAgentArePruned) {
-  std::vector<std::string> own;
-  for (int day = 1; day <= 13; ++day) {
-    char name[64];
-    std::snprintf(name, sizeof name, "Quillon_2026-10-%02d-120000_host.crash", day);
-    own.push_back(crashLog(name, 3600));
-  }
+  // One from the day before, then twelve from one second, as the crash
+  // handler numbers them: "_host.crash", "_host_2.crash" ... "_host_12.crash".
+  std::vector<std::string> own = {crashLog("Quillon_2026-10-01-120000_host.crash", 3600)};
+  for (int n = 1; n <= 12; ++n)
+    own.push_back(crashLog("Quillon_2026-10-02-120000_host" + (n > 1 ? "_" + std::to_string(n) : "") + ".crash", 3600));
   const std::vector<std::string> others = {
       crashLog("Quillon_2020-01-01-000000_host.txt", 3600),      // not a crash log
       crashLog("QUILLON_2020-01-01-000000_host.crash", 3600),    // another program's spelling
