@@ -39,11 +39,6 @@ int overflowTheStack(int depth) {
   return overflowTheStack(depth + 1) + frame[0];
 }
 
-void crashByNullWrite() {
-  volatile int* nothing = nullptr;
-  *nothing = 1;
-}
-
 struct ChildResult {
   int signal = 0;  // the signal the child died of, 0 if it did not
   std::vector<std::string> reports;
@@ -99,7 +94,7 @@ TEST(MVCrashLogChild, CrashesAsTold) {
         ++ready;
         while (ready.load() < 2) {
         }
-        crashByNullWrite();
+        raise(SIGSEGV);
       });
     }
   } else if (m == "SIGSYS") {
