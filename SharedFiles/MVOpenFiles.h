@@ -4,7 +4,8 @@
 // long it pauses between writes. Linux answers this from /proc: the fd links
 // of every process of this user and the access mode in their fdinfo. Processes
 // that may not be read (other users, gone while being read) are skipped
-// silently. A writer on another machine (a network share) cannot be seen, so
+// silently. Files that the kernel says nobody holds for writing (a refused
+// lease) are not looked for at all. A writer on another machine (a network share) cannot be seen, so
 // "no writer" means "none that this machine knows of". A macOS build would
 // answer from its own process table in a file of its own.
 #pragma once
