@@ -130,8 +130,10 @@ class OutcomeDispatch : public ::testing::Test {
     previousSound_ = MVSound::setBackend(sound);
     previousWorkspace_ = MVWorkspace::setBackend(std::make_shared<FakeWorkspace>(calls));
     folder = makeTempDir("renders");
-    // Never destroyed: a detached post-render worker may still hold it.
-    controller = new AppController();
+    // Never destroyed: a detached post-render worker may still hold it. Kept
+    // in a list, so that the leak checker sees it as still in use.
+    static auto* kept = new std::vector<AppController*>;
+    controller = kept->emplace_back(new AppController());
     now = std::chrono::system_clock::now();
     controller->setClockForTesting([this] { return now; });
   }
