@@ -606,9 +606,9 @@ void MVFCPPrefParser::scan(const std::string& bytes, TypeList& workingList) {
     }
 
     // The slice holds the end of one run and maybe the start of others. A
-    // key among its parts is taken before anything of this slice is stored:
-    // the key before it is stored with the values completed so far, and the
-    // run that was still pending goes with neither.
+    // key among its parts stores the key before it with the values completed
+    // so far and starts its own list; the run still pending is completed
+    // only after that, so it goes to the new key.
     const std::vector<std::string> parts = splitAtSeparators(slice);
     const bool beginsWithSeparator = isSeparator(static_cast<unsigned char>(slice.front()));
     const bool endsWithSeparator = isSeparator(static_cast<unsigned char>(slice.back()));
@@ -621,20 +621,30 @@ void MVFCPPrefParser::scan(const std::string& bytes, TypeList& workingList) {
       const std::string& part = index == 0 ? first : parts[index];
       if (!isKeyName(part)) continue;
       if (flush(*key, values, workingList)) return;
-      startKey(part, i);
+      key = part;
+      keyPosition = i;
+      values.clear();
       keyFound = true;
     }
     if (hadValue) {
-      if (!beginsWithSeparator && !keyFound) value = first;
-      // A slice with a separator always ends the pending run.
-      values.push_back(value);
-      value.clear();
+      if (beginsWithSeparator) {
+        values.push_back(value);
+        value.clear();
+      } else if (!keyFound) {
+        value = first;
+        if (parts.size() > 1) {
+          values.push_back(value);
+          value.clear();
+        }
+      }
     }
     // Short runs between separators are numbers and flags, not paths.
     for (std::size_t index = 1; index + 1 < parts.size(); ++index)
       if (parts[index].size() > 7) values.push_back(parts[index]);
-    if (endsWithSeparator) values.push_back(parts.back());
-    else value = parts.back();
+    if (parts.size() > 1) {
+      if (endsWithSeparator) values.push_back(parts.back());
+      else value = parts.back();
+    }
     i += kSlice;
   }
   // A key still open when the data ends is not stored: only the next key or

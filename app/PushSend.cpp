@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "AppController.h"
+#include "MVCrashLog.h"
 #include "MVHTTP.h"
 #include "MVLocalPaths.h"
 #include "MVLog.h"
@@ -327,6 +328,7 @@ std::vector<PushResult> PushTargets::send(const std::vector<std::string>& urls, 
   std::vector<std::thread> senders;
   for (std::size_t i = 0; i < urls.size(); ++i)
     senders.emplace_back([&, i] {
+      MVCrashLog::prepareThread();
       results[i] = deliver(urls[i], message);
       logResult(results[i]);
     });

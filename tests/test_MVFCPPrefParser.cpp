@@ -149,9 +149,12 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
       {"key and value in one slice", gap(2) + gap(1) + captureThenScratch, "/Volumes/Media/Renders/Proj/Render Files",
        "/Volumes/Media/Captured"},
       // The render path is still pending when that slice comes: "capture"
-      // stores "render" without it, so render follows capture's folder.
+      // stores "render" with an empty list, then the pending run is completed
+      // for capture. Render and scratch follow capture's folder.
       {"pending run, slice opens with a separator", nul2 + gap(1) + captureThenScratch,
-       "/Volumes/Media/Captured/Render Files", "/Volumes/Media/Captured"},
+       "/Volumes/Media/Renders/Proj/Render Files", "/Volumes/Media/Renders/Proj"},
+      // The slice does not open with a separator, so the pending run is not
+      // completed: the slice's last part replaces it and it is lost.
       {"pending run, slice continues it", nul2 + std::string(1, '\0') + captureThenScratch,
        "/Volumes/Media/Captured/Render Files", "/Volumes/Media/Captured"},
   };
