@@ -86,11 +86,18 @@ double sequenceQuietSeconds() {
   return seconds > 0 ? seconds : 10;
 }
 
+// How long after its newest frame a sequence is still looked at: a minute,
+// as for any render, or longer when the quiet time asks for it.
+std::chrono::duration<double> sequenceWindow() {
+  return std::chrono::duration<double>(std::max(60.0, sequenceQuietSeconds() + 30));
+}
+
 // The newest numbered still of `folder` and the rest of its sequence, when it
-// was written in the last minute (or within the quiet time, if longer) and
-// the sequence was not announced since. Stills that are not numbered, and
+// was written within the window and the sequence was not announced since
+// (`announced`: newest frame -> its date). Stills that are not numbered, and
 // one numbered still alone, are no render of frames.
-std::optional<FreshSequence> freshSequenceInFolder(AppController& controller, const std::string& folder) {
+std::optional<FreshSequence> freshSequenceInFolder(const AppController& controller, const std::string& folder,
+                                                   const AppController::FolderMap& announced) {
   if (!QuillonPreferences::isPresentOrOne("watchImageSequences")) return std::nullopt;
   if (contains(folder, "/Avid MediaFiles") || contains(folder, ameLogFolder())) return std::nullopt;
   std::optional<FreshSequence> found;
@@ -108,9 +115,9 @@ std::optional<FreshSequence> freshSequenceInFolder(AppController& controller, co
     }
   }
   if (!found) return std::nullopt;
-  auto window = std::chrono::duration<double>(std::max(60.0, sequenceQuietSeconds() + 30));
-  if (found->newest - controller.now() < -window) return std::nullopt;
-  if (controller.isFileRepeated(found->newestFrame)) return std::nullopt;
+  if (found->newest - controller.now() < -sequenceWindow()) return std::nullopt;
+  if (auto it = announced.find(found->newestFrame); it != announced.end() && it->second == found->newest)
+    return std::nullopt;
   found->frames = MVFrameSequence::gather(names, *newestName);
   if (found->frames.frames.size() < 2) return std::nullopt;
   return found;
@@ -168,7 +175,7 @@ void AppController::fileSystemEventsReceived(const MVPlistValue::Array& events) 
     } else {
       auto latest = latestFileInFolder(path);
       MVLog::appendLog("Latest file: %@", latest ? MVPlistValue(*latest) : MVPlistValue());
-      if ((latest && fileSize(*latest).value_or(0) != 0) || freshSequenceInFolder(*this, path)) {
+      if ((latest && fileSize(*latest).value_or(0) != 0) || freshSequenceInFolder(*this, path, announcedSequences_)) {
         (*pending)[path] = now();
         foldersChanged = true;
       } else {
@@ -332,7 +339,7 @@ void AppController::checkFolders(const std::vector<std::string>& folders) {
     }
 
     // Numbered stills newer than any media file are a render of frames.
-    auto sequence = freshSequenceInFolder(*this, folder);
+    auto sequence = freshSequenceInFolder(*this, folder, announcedSequences_);
     if (sequence && (!latest || sequence->newest > fileModificationDate(*latest).value_or(Date{}))) {
       std::string shown = sequence->frames.shownName();
       if (heldByWriter(folder, sequence->framePaths())) continue;
@@ -353,8 +360,11 @@ void AppController::checkFolders(const std::vector<std::string>& folders) {
         render.set("missingFrames", missing);
       }
       renderDidFinishSuccessfully(render);
-      // Its newest frame marks the sequence as announced.
-      recordRecentFile(sequence->newestFrame);
+      // Its newest frame marks the sequence as announced, for as long as it
+      // could be found fresh.
+      for (auto it = announcedSequences_.begin(); it != announcedSequences_.end();)
+        it = it->second - now() < -sequenceWindow() ? announcedSequences_.erase(it) : std::next(it);
+      announcedSequences_[sequence->newestFrame] = sequence->newest;
       announced = true;
       continue;
     }

@@ -196,6 +196,9 @@ class AppController : public MVFSEventsDelegate, public SKPSMTPMessageDelegate {
   void recheckFolders();
   std::map<std::string, std::chrono::steady_clock::time_point> folderRechecks_;
   std::shared_ptr<MVTimer> folderRecheckTimer_;
+  // Frame sequences announced: newest frame -> its date. Kept apart from
+  // recentFiles, whose entries last 60 s, since a sequence may wait longer.
+  std::map<std::string, Date> announcedSequences_;
 
   // watchers: Avid/FCP/Premiere
  public:
