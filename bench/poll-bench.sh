@@ -115,14 +115,14 @@ for size in $SIZES; do
       delays+=("$([ -n "$seen" ] && echo $(((seen - written) / 1000000)) || echo missed)")
       sleep "$INTERVAL"
     done
-    kill -INT "$pid" 2>/dev/null
+    kill -TERM "$pid" 2>/dev/null
     wait "$pid" 2>/dev/null
     record_entry=$(sed -n 's/.*(\([0-9.]*\) bytes each).*/\1/p' "$err")
     printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$size" "$tool" "$cpu_ms_per_min" "$rss" "${delays[*]}" \
       "${record_entry:--}" >>"$RESULTS"
     log "$tool on $size files: ${cpu_ms_per_min} ms CPU/min, ${rss} KiB, delays ${delays[*]} ms"
   done
-  umount "$mnt"
+  umount -l "$mnt"
 done
 
 {

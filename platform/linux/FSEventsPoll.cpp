@@ -169,7 +169,8 @@ void PollStream::scanLoop(std::shared_ptr<PolledTree> tree, PollOptions options,
                           PollStream* stream) {
   bool stretched = false;
   while (!tree->stop) {
-    tree->scanStarted = steadyNanoseconds();
+    const std::int64_t started = steadyNanoseconds();
+    tree->scanStarted = started;
     const double before = threadProcessorSeconds();
     Changes changes = tree->snapshot.scan(tree->stop);
     const double spent = threadProcessorSeconds() - before;
@@ -187,20 +188,21 @@ void PollStream::scanLoop(std::shared_ptr<PolledTree> tree, PollOptions options,
         },
         false);
 
-    // Each tree gets its share of the budget: a scan that took `spent`
-    // seconds of processor time is followed by a pause long enough to keep
-    // its share of the core.
+    // Rounds start every interval, so a change is seen within one. Each
+    // tree gets its share of the budget: a scan that took `spent` seconds
+    // of processor time stretches the period enough to keep that share.
     const int trees = std::max(1, treeCount->load());
     const double budget = options.processorShare / trees;
-    const double needed = spent / budget - spent;
-    const double wait = std::max(options.interval, needed);
-    if ((wait > options.interval * 1.5) != stretched) {
+    const double period = std::max(options.interval, spent / budget);
+    const double took = static_cast<double>(steadyNanoseconds() - started) / 1e9;
+    const double wait = std::max(period - took, options.interval / 10);
+    if ((period > options.interval * 1.5) != stretched) {
       stretched = !stretched;
       if (stretched)
         MVLog::appendLog(
             "File system events: a scan of %@ took %.3f s of processor time; polling it every %.1f s instead of "
             "every %.1f s",
-            tree->snapshot.root(), spent, wait, options.interval);
+            tree->snapshot.root(), spent, period, options.interval);
       else
         MVLog::appendLog("File system events: polling %@ every %.1f s again", tree->snapshot.root(),
                          options.interval);
