@@ -115,8 +115,9 @@ for size in $SIZES; do
       delays+=("$([ -n "$seen" ] && echo $(((seen - written) / 1000000)) || echo missed)")
       sleep "$INTERVAL"
     done
+    # Started in a command substitution, so not a child to wait for.
     kill -TERM "$pid" 2>/dev/null
-    wait "$pid" 2>/dev/null
+    while kill -0 "$pid" 2>/dev/null; do sleep 0.05; done
     record_entry=$(sed -n 's/.*(\([0-9.]*\) bytes each).*/\1/p' "$err")
     printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$size" "$tool" "$cpu_ms_per_min" "$rss" "${delays[*]}" \
       "${record_entry:--}" >>"$RESULTS"
