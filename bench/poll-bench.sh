@@ -35,9 +35,10 @@ fi
 WORK=$(mktemp -d /var/tmp/quillon-poll-bench.XXXXXX)
 RESULTS=$WORK/results.tsv
 : >"$RESULTS"
+WATCHERS=
 cleanup() {
   local pid mount
-  for pid in $(jobs -p); do kill -CONT "$pid" 2>/dev/null; kill "$pid" 2>/dev/null; done
+  for pid in $(jobs -p) $WATCHERS; do kill "$pid" 2>/dev/null; done
   for mount in "$WORK"/mnt*; do umount -l "$mount" 2>/dev/null; done
   [ -n "${KEEP_WORK:-}" ] || rm -rf "$WORK"
 }
@@ -92,6 +93,7 @@ for size in $SIZES; do
   for tool in quillon fswatch watchdog; do
     out=$WORK/$tool-$size.out err=$WORK/$tool-$size.err
     pid=$(start_tool "$tool" "$mnt" "$out" "$err")
+    WATCHERS="$WATCHERS $pid"
     sleep $((INTERVAL * 3))  # the first full reading of the tree
     log "$tool on $size files: idle for ${IDLE_SECONDS}s"
     t0=$(ticks "$pid")
