@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "MVCrashLog.h"
 #include "MVLog.h"
 #include "MVRunLoop.h"
 #include "PollSnapshot.h"
@@ -167,6 +168,7 @@ void PollStream::end(const std::shared_ptr<PolledTree>& tree) {
 void PollStream::scanLoop(std::shared_ptr<PolledTree> tree, PollOptions options,
                           std::shared_ptr<std::atomic<int>> treeCount, std::weak_ptr<bool> alive,
                           PollStream* stream) {
+  MVCrashLog::prepareThread();
   bool stretched = false;
   while (!tree->stop) {
     const std::int64_t started = steadyNanoseconds();
