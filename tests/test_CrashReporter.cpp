@@ -247,7 +247,7 @@ TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
     {
       Agent second(home, {}, logs);
       ASSERT_TRUE(second.waitForLog("Setting up...", 1, 20)) << second.output();
-      EXPECT_TRUE(waitUntil([&] { return fileExists(opened); }, 10));
+      EXPECT_TRUE(waitUntil([&] { return fileExists(opened); }, 30));
       EXPECT_EQ(second.stop(SIGTERM), 0);
     }
     // (As root the older generations rotate into the user's own log folder.)
