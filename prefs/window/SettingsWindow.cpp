@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <thread>
 
 #include "AgentControl.h"
@@ -612,25 +613,42 @@ class Window {
     onSignal(button, "clicked", [row, button] {
       adw_action_row_set_subtitle(row, "Sending…");
       gtk_widget_set_sensitive(GTK_WIDGET(button), FALSE);
+      // GLib's idle queue is invisible to the thread checker, so the text
+      // is handed over under a lock of our own.
       struct Delivery {
         GtkWidget* row;
         GtkWidget* button;
+        std::mutex lock;
         std::string text;
       };
-      auto* delivery = new Delivery{GTK_WIDGET(g_object_ref(row)), GTK_WIDGET(g_object_ref(button)), {}};
+      auto* delivery = new Delivery{GTK_WIDGET(g_object_ref(row)), GTK_WIDGET(g_object_ref(button)), {}, {}};
       std::thread([delivery] {
         const std::vector<PushResult> results = PushTargets::sendTest();
+        std::string text;
         for (const PushResult& result : results)
-          delivery->text += (delivery->text.empty() ? "" : "\n") + result.target + ": " +
-                            (result.sent ? "sent" : "failed") + (result.detail.empty() ? "" : " (" + result.detail + ")");
-        if (results.empty()) delivery->text = "Nothing was sent: there is no push target.";
+          text += (text.empty() ? "" : "\n") + result.target + ": " + (result.sent ? "sent" : "failed") +
+                  (result.detail.empty() ? "" : " (" + result.detail + ")");
+        if (results.empty()) text = "Nothing was sent: there is no push target.";
+        {
+          std::lock_guard<std::mutex> hold(delivery->lock);
+          delivery->text = std::move(text);
+        }
         g_idle_add(
             [](gpointer data) -> gboolean {
-              std::unique_ptr<Delivery> done(static_cast<Delivery*>(data));
-              adw_action_row_set_subtitle(ADW_ACTION_ROW(done->row), done->text.c_str());
-              gtk_widget_set_sensitive(done->button, TRUE);
-              g_object_unref(done->row);
-              g_object_unref(done->button);
+              auto* arrived = static_cast<Delivery*>(data);
+              std::string text;
+              {
+                std::lock_guard<std::mutex> hold(arrived->lock);
+                text = std::move(arrived->text);
+              }
+              adw_action_row_set_subtitle(ADW_ACTION_ROW(arrived->row), text.c_str());
+              gtk_widget_set_sensitive(arrived->button, TRUE);
+              g_object_unref(arrived->row);
+              g_object_unref(arrived->button);
+              {
+                std::lock_guard<std::mutex> hold(arrived->lock);  // the worker is done with it
+              }
+              delete arrived;
               return G_SOURCE_REMOVE;
             },
             delivery);

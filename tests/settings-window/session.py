@@ -119,7 +119,10 @@ class Session:
                                                stderr=open(os.path.join(self.root, "window.log"), "a"))
         self.processes.append(self.window_process)
         self.app = wait_for(lambda: self._application("quillon-settings"), 30)
-        assert self.app, "the settings window did not appear on the accessibility bus"
+        if not self.app:
+            with open(os.path.join(self.root, "window.log"), errors="replace") as log:
+                raise AssertionError("the settings window did not appear on the accessibility bus (exit status %s):\n%s"
+                                     % (self.window_process.poll(), log.read()[-6000:]))
         assert wait_for(lambda: self.find("check box", "Compressor", required=False), 20)
         return self.app
 
