@@ -96,4 +96,35 @@ std::string trimWhitespace(const std::string& text) {
   return text.substr(b, e - b + 1);
 }
 
+std::optional<std::string> removingPercentEncoding(const std::string& text) {
+  std::string out;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      out += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size()) return std::nullopt;
+    auto hex = [](char c) -> int {
+      if (c >= '0' && c <= '9') return c - '0';
+      if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+      if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+      return -1;
+    };
+    int hi = hex(text[i + 1]), lo = hex(text[i + 2]);
+    if (hi < 0 || lo < 0) return std::nullopt;
+    out += static_cast<char>(hi * 16 + lo);
+    i += 2;
+  }
+  // Reject invalid UTF-8.
+  for (std::size_t i = 0; i < out.size();) {
+    unsigned char c = static_cast<unsigned char>(out[i]);
+    std::size_t len = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+    if (len == 0 || i + len > out.size()) return std::nullopt;
+    for (std::size_t k = 1; k < len; ++k)
+      if ((static_cast<unsigned char>(out[i + k]) & 0xC0) != 0x80) return std::nullopt;
+    i += len;
+  }
+  return out;
+}
+
 }  // namespace quillon

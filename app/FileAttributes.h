@@ -34,5 +34,8 @@ bool hasPrefix(const std::string& text, const std::string& prefix);
 bool hasSuffix(const std::string& text, const std::string& suffix);
 bool contains(const std::string& text, const std::string& part);
 std::string trimWhitespace(const std::string& text);
+// Removes percent escapes ("%20" -> " "); nullopt when an escape is malformed
+// or the result is not UTF-8, as the platform's decoder answers nothing then.
+std::optional<std::string> removingPercentEncoding(const std::string& text);
 
 }  // namespace quillon

@@ -5,9 +5,13 @@
 #include <algorithm>
 #include <cctype>
 
+#include "FileAttributes.h"
 #include "MVKeychain.h"
 #include "MVPlistValue.h"
 #include "QuillonPreferences.h"
+
+using quillon::lowercase;
+using quillon::removingPercentEncoding;
 
 namespace {
 
@@ -33,34 +37,6 @@ const SchemeInfo* schemeInfo(const std::string& scheme) {
   for (const auto& info : kSchemes)
     if (scheme == info.name) return &info;
   return nullptr;
-}
-
-std::string lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-  return text;
-}
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::optional<std::string> percentDecoded(const std::string& text) {
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] != '%') {
-      out += text[i];
-      continue;
-    }
-    if (i + 2 >= text.size()) return std::nullopt;
-    int hi = hexValue(text[i + 1]), lo = hexValue(text[i + 2]);
-    if (hi < 0 || lo < 0) return std::nullopt;
-    out += static_cast<char>(hi * 16 + lo);
-    i += 2;
-  }
-  return out;
 }
 
 std::vector<std::string> split(const std::string& text, char separator) {
@@ -128,7 +104,7 @@ std::optional<PushTarget> PushTargets::parse(const std::string& url, std::string
   }
   PushTarget target;
   target.url = url;
-  target.scheme = lower(url.substr(0, at));
+  target.scheme = lowercase(url.substr(0, at));
   const SchemeInfo* info = schemeInfo(target.scheme);
   if (!info) {
     error = "unknown kind of push target '" + target.scheme + "://'; 'quillon-prefs help push' lists the forms";
@@ -148,7 +124,7 @@ std::optional<PushTarget> PushTargets::parse(const std::string& url, std::string
   };
   auto decodeAll = [&](std::vector<std::string>& parts) {
     for (auto& part : parts) {
-      auto decoded = percentDecoded(part);
+      auto decoded = removingPercentEncoding(part);
       if (!decoded) return false;
       part = *decoded;
     }
@@ -194,14 +170,14 @@ std::optional<PushTarget> PushTargets::parse(const std::string& url, std::string
     std::string userinfo = authority.substr(0, sign);
     authority = authority.substr(sign + 1);
     auto colon = userinfo.find(':');
-    auto user = percentDecoded(userinfo.substr(0, colon));
-    auto password = colon == std::string::npos ? std::optional<std::string>("") : percentDecoded(userinfo.substr(colon + 1));
+    auto user = removingPercentEncoding(userinfo.substr(0, colon));
+    auto password = colon == std::string::npos ? std::optional<std::string>("") : removingPercentEncoding(userinfo.substr(colon + 1));
     if (!user || !password) return fail("with valid percent escapes");
     target.user = *user;
     target.password = *password;
     target.hasPassword = colon != std::string::npos;
   }
-  target.host = lower(authority);
+  target.host = lowercase(authority);
   if (!validHost(target.host)) {
     error = "the push target '" + target.masked() + "' has no valid host";
     return std::nullopt;
@@ -235,7 +211,7 @@ std::string PushTargets::mask(const std::string& url) {
   if (auto target = parse(url, error)) return target->masked();
   auto at = url.find("://");
   if (at != std::string::npos && at > 0 && allOf(url.substr(0, at), std::isalnum))
-    return lower(url.substr(0, at)) + "://" + kMask;
+    return lowercase(url.substr(0, at)) + "://" + kMask;
   return "(unreadable target)";
 }
 
