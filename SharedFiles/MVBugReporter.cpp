@@ -30,6 +30,11 @@ using Date = MVPlistValue::Date;
 // folder, and an agent that crashes at every start would fill it.
 constexpr std::size_t kCrashLogsKept = 10;
 
+// A new file is stamped with the kernel's coarse clock, which lags the clock
+// the launch marker is read from by up to a scheduler tick: a crash a few
+// milliseconds after start leaves a log that looks older than the launch.
+constexpr std::chrono::milliseconds kFileClockLag{50};
+
 const char* const kBugReporterIdentifier = "com.morvane.BugReporter";
 
 std::string markerStorePath(const std::optional<std::string>& plistPath) {
@@ -119,7 +124,7 @@ std::optional<std::string> findCrashLog(const std::string& name, Date launch) {
     if (names.empty()) continue;
     std::string path = MVAppendPathComponent(folder, names.back());
     auto modified = modificationDate(path);
-    if (modified && *modified > launch) return path;
+    if (modified && *modified + kFileClockLag > launch) return path;
   }
   return std::nullopt;
 }
