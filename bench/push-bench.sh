@@ -22,7 +22,7 @@ cleanup() { [ -n "$SERVER" ] && kill "$SERVER" 2>/dev/null; rm -rf "$WORK"; }
 trap cleanup EXIT
 openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost \
   -addext subjectAltName=DNS:localhost,IP:127.0.0.1 -keyout "$WORK/key.pem" -out "$WORK/cert.pem" >/dev/null 2>&1
-/usr/bin/python3 "$SRC/tests/push/server.py" --cert "$WORK/cert.pem" --key "$WORK/key.pem" \
+/usr/bin/python3 "$SRC/tests/support/push-server.py" --cert "$WORK/cert.pem" --key "$WORK/key.pem" \
   --out "$WORK/requests" --ready "$WORK/port" &
 SERVER=$!
 for _ in $(seq 100); do [ -e "$WORK/port" ] && break; sleep 0.1; done

@@ -2,7 +2,7 @@
 // a private session bus with a mocked notification server, settings written
 // as the preferences application writes them, movies copied into real
 // folders. The agent runs as root inside its own mount namespace (see
-// tests/e2e/run-agent.sh), so its log lands in a folder of the test.
+// tests/support/run-agent.sh), so its log lands in a folder of the test.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -18,7 +18,7 @@ using namespace quillon_test;
 
 namespace {
 
-const std::string kE2E = std::string(QUILLON_SOURCE_DIR) + "/tests/e2e";
+const std::string kE2E = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
 
 void writeSettings(const std::string& home, const std::string& json) { ASSERT_TRUE(writeAgentSettings(home, json)); }
 

@@ -16,7 +16,7 @@
 #include "MVRunLoop.h"
 #include "MVVolumes.h"
 #include "VolumesMountinfo.h"
-#include "sources/RenderSourcesTestSupport.h"
+#include "RenderSourcesTestSupport.h"
 
 using namespace quillon_test;
 using namespace render_sources_test;

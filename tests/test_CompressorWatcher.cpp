@@ -32,7 +32,7 @@
 #include "MVRunLoop.h"
 #include "PowerAlertServices.h"
 #include "TestSupport.h"
-#include "power/PowerTestSupport.h"
+#include "PowerTestSupport.h"
 
 using namespace quillon_test;
 namespace fs = std::filesystem;

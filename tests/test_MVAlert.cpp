@@ -16,7 +16,7 @@
 #include "MVRunLoop.h"
 #include "PowerAlertServices.h"
 #include "TestSupport.h"
-#include "power/PowerTestSupport.h"
+#include "PowerTestSupport.h"
 
 using quillon_test::waitUntil;
 using Code = MVAlert::ReturnCode;
@@ -350,7 +350,7 @@ TEST_F(LinuxAlerts, DialogCountdownAndSuppressionBox) {
 TEST_F(LinuxAlerts, WithoutADisplayTheAlertIsANotificationWithButtonActions) {
   ScopedEnv x11("DISPLAY", nullptr);
   ScopedEnv wayland("WAYLAND_DISPLAY", nullptr);
-  power_test::PrivateBus bus(std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh");
+  power_test::PrivateBus bus(std::string(QUILLON_SOURCE_DIR) + "/tests/support/session-bus.sh");
   ASSERT_TRUE(bus.running());
   ScopedEnv session("DBUS_SESSION_BUS_ADDRESS", bus.address().c_str());
   power_test::MockService server(bus, "--session", "notification_daemon", "org.freedesktop.Notifications",

@@ -22,7 +22,7 @@
 #include "PowerAlertServices.h"
 #include "QuillonPreferences.h"
 #include "TestSupport.h"
-#include "power/PowerTestSupport.h"
+#include "PowerTestSupport.h"
 
 using power_test::MockCall;
 using power_test::pollUntil;
@@ -33,7 +33,7 @@ namespace {
 struct Peers {
   power_test::PrivateBus systemBus{power_test::kScripts + "/system-bus.sh"};
   std::unique_ptr<power_test::MockService> logind;
-  power_test::PrivateBus sessionBus{std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh"};
+  power_test::PrivateBus sessionBus{std::string(QUILLON_SOURCE_DIR) + "/tests/support/session-bus.sh"};
   std::unique_ptr<power_test::MockService> notifications;
   std::unique_ptr<power_test::VirtualDisplay> display;  // started by the one test that needs it
   bool safe = false;
@@ -318,7 +318,7 @@ TEST_F(PowerActions, LogOutAndShutDownAskTheSessionManagerFirst) {
 
 TEST_F(PowerActions, NoAlertThatCanBeSeenMeansNoAction) {
   // No display and a session bus without a notification server.
-  power_test::PrivateBus emptyBus{std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh"};
+  power_test::PrivateBus emptyBus{std::string(QUILLON_SOURCE_DIR) + "/tests/support/session-bus.sh"};
   ASSERT_TRUE(emptyBus.running());
   setenv("DBUS_SESSION_BUS_ADDRESS", emptyBus.address().c_str(), 1);
   setLogoutAction(3);

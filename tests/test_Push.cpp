@@ -1,5 +1,5 @@
 // Push notifications sent through libcurl to a real HTTPS server that stands
-// for every service (tests/push/server.py), inside a private network
+// for every service (tests/support/push-server.py), inside a private network
 // namespace; the targets' secrets kept in a real gnome-keyring.
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -17,7 +17,7 @@
 #include "PushTargets.h"
 #include "QuillonPreferences.h"
 #include "TestSupport.h"
-#include "push/PushServer.h"
+#include "PushServer.h"
 
 using namespace quillon_test;
 

@@ -11,7 +11,7 @@
 #include "AgentProcess.h"
 #include "PrivateSessionBus.h"
 #include "TestSupport.h"
-#include "push/PushServer.h"
+#include "PushServer.h"
 
 using namespace quillon_test;
 

@@ -14,7 +14,7 @@
 #include "MVPremierePrefParser.h"
 #include "MVRunLoop.h"
 #include "WatchersTesting.h"
-#include "sources/RenderSourcesTestSupport.h"
+#include "RenderSourcesTestSupport.h"
 
 using namespace quillon_test;
 using namespace render_sources_test;

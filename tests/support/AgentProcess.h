@@ -1,6 +1,6 @@
 // A run of the built agent (build/bin/quillon-helper) as its own process,
 // with HOME set to a temporary home. It runs as root inside its own mount
-// namespace (tests/e2e/run-agent.sh), so its log lands in a folder of the
+// namespace (tests/support/run-agent.sh), so its log lands in a folder of the
 // test and the machine's /var/log is never touched.
 #pragma once
 
@@ -27,7 +27,7 @@ inline std::string agentSettingsPath(const std::string& home) { return home + "/
 // Writes the agent's settings as the preferences application does; `json`
 // is the root dictionary, e.g. {"watchFolders": ["/a"], "notifyGrowl": 1}.
 inline bool writeAgentSettings(const std::string& home, const std::string& json) {
-  return shell("/usr/bin/python3 " + std::string(QUILLON_SOURCE_DIR) + "/tests/e2e/write-settings.py '" +
+  return shell("/usr/bin/python3 " + std::string(QUILLON_SOURCE_DIR) + "/tests/support/write-settings.py '" +
                agentSettingsPath(home) + "' '" + json + "'") == 0;
 }
 
@@ -50,7 +50,7 @@ class Agent {
   explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {},
                  const std::string& logDir = "") {
     logDir_ = logDir.empty() ? makeTempDir("agent-log") : logDir;
-    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/e2e/run-agent.sh", logDir_, binPath("quillon-helper")};
+    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/support/run-agent.sh", logDir_, binPath("quillon-helper")};
     args.insert(args.end(), arguments.begin(), arguments.end());
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e)

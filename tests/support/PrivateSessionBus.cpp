@@ -35,7 +35,7 @@ PrivateSessionBus::PrivateSessionBus()
   chmod(runtime.c_str(), 0700);
   setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
 
-  std::string output = shellOutput(std::string(QUILLON_SOURCE_DIR) + "/tests/dbus/session-bus.sh");
+  std::string output = shellOutput(std::string(QUILLON_SOURCE_DIR) + "/tests/support/session-bus.sh");
   auto newline = output.find('\n');
   if (newline == std::string::npos) {
     error_ = "dbus-daemon did not start: " + output;

@@ -1,7 +1,7 @@
 // A private D-Bus session bus for one test (suite), optionally with an
 // unlocked gnome-keyring as its Secret Service.
 //
-// The bus runs without service activation (tests/dbus/session.conf), so a
+// The bus runs without service activation (tests/support/session.conf), so a
 // service is present only while the test itself runs it. While the object
 // lives, DBUS_SESSION_BUS_ADDRESS and XDG_RUNTIME_DIR of this process (and of
 // every program it starts) point at the private bus; the destructor kills

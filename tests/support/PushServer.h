@@ -1,4 +1,4 @@
-// The HTTPS server of tests/push/server.py, standing for every push service:
+// The HTTPS server of tests/support/push-server.py, standing for every push service:
 // started by the test on 127.0.0.1 with a certificate the test makes, and
 // stopped by its id. What each request carried is read back as records.
 #pragma once
@@ -53,7 +53,7 @@ class PushServer {
   PushServer(const std::string& certDir, const std::string& script = "{}") {
     dir_ = makeTempDir("push-server");
     writeFile(dir_ + "/script.json", script);
-    std::vector<std::string> args{"/usr/bin/python3", std::string(QUILLON_SOURCE_DIR) + "/tests/push/server.py",
+    std::vector<std::string> args{"/usr/bin/python3", std::string(QUILLON_SOURCE_DIR) + "/tests/support/push-server.py",
                                   "--cert", certDir + "/cert.pem", "--key", certDir + "/key.pem",
                                   "--out", dir_ + "/requests", "--ready", dir_ + "/port",
                                   "--script", dir_ + "/script.json"};

@@ -30,7 +30,7 @@ inline bool pollUntil(const std::function<bool()>& condition, double seconds) {
   return condition();
 }
 
-inline const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/power";
+inline const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
 
 // A program run through /bin/sh in the background; ended when this goes.
 class BackgroundProcess {
