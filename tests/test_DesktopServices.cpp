@@ -2,7 +2,6 @@
 // mocked notification server and file manager (python3-dbusmock), GIO
 // applications registered in the test home, libcanberra and X11.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <atomic>
 #include <filesystem>
@@ -19,23 +18,11 @@
 #include "MVRunLoop.h"
 #include "MVSound.h"
 #include "MVWorkspace.h"
-#include "PrivateSessionBus.h"
-#include "TestSupport.h"
+#include "PowerTestSupport.h"
 
 using namespace quillon_test;
 
 namespace {
-
-const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/dbus";
-
-pid_t startInBackground(const std::string& command) {
-  return static_cast<pid_t>(std::stol(shellOutput(command + " >/dev/null 2>&1 & echo $!")));
-}
-
-std::size_t logLinesContaining(const std::string& text) {
-  MVLog::finishWriting();
-  return linesWith(readFile(MVLog::currentLogPath()), text);
-}
 
 // A shell script that appends its first argument to `output`, one line per run.
 std::string makeRecorder(const std::string& output) {
@@ -94,15 +81,14 @@ TEST_F(DesktopServices, DistributedNotificationsTravelOverTheSessionBus) {
   };
   auto& center = MVDistributedNotificationCenter::defaultCenter();
   MVObserverToken token = center.addObserver("MVQuillonConfigUpdate", record);
-  MVObserverToken other = center.addObserver("QmasterAdUpdateNotification",
-                                             [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++others; });
+  MVObserverToken other = center.addObserver(
+      "QmasterAdUpdateNotification", [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++others; });
 
   MVPlistValue info;
   info.set("advertisement", "<ad/>");
   info.set("count", 3);
   center.postNotification("MVQuillonConfigUpdate", "sender", info);
   ASSERT_TRUE(waitUntil([&] { return got.size() == 1; }, 10));
-  EXPECT_EQ(got[0].name, "MVQuillonConfigUpdate");
   EXPECT_EQ(got[0].object, MVPlistValue("sender"));
   EXPECT_EQ(got[0].userInfo["advertisement"], MVPlistValue("<ad/>"));
   EXPECT_EQ(got[0].userInfo["count"], MVPlistValue("3"));
@@ -133,10 +119,9 @@ TEST_F(DesktopServices, DistributedNotificationsTravelOverTheSessionBus) {
 }
 
 TEST_F(DesktopServices, DesktopNotificationsGoToTheNotificationServer) {
-  auto server = bus.startMock("org.freedesktop.Notifications", "notification_daemon");
+  Mock server = bus.startMock("org.freedesktop.Notifications", "notification_daemon");
   ASSERT_TRUE(server.started());
   auto notified = [&](const std::string& text) { return linesWith(server.log(), text); };
-  std::filesystem::remove(MVGlobalPreferences::path());
 
   std::vector<MVPlistValue> clicks;
   MVObserverToken token = MVNotificationCenter::defaultCenter().addObserver(
@@ -160,41 +145,33 @@ TEST_F(DesktopServices, DesktopNotificationsGoToTheNotificationServer) {
   EXPECT_EQ(notified("Notify \"Quillon\" 0 \"\" \"Render Failed\" \"Batch: nightly\" [] "), 1u);
   EXPECT_EQ(notified("Notify \"Quillon\" 0 \"folder\" \"Render Complete\""), 1u);
 
-  auto click = [](int id, const std::string& action) {
-    return shell("gdbus call --session --dest org.freedesktop.Notifications --object-path "
-                 "/org/freedesktop/Notifications --method org.freedesktop.DBus.Mock.EmitSignal '' ActionInvoked us "
-                 "\"[<uint32 " + std::to_string(id) + ">, <'" + action + "'>]\" >/dev/null");
+  auto click = [&](int id, const std::string& action) {
+    return server.mock("EmitSignal", "'' ActionInvoked us \"[<uint32 " + std::to_string(id) + ">, <'" + action +
+                                         "'>]\"");
   };
-  ASSERT_EQ(click(2, "default"), 0);  // no click context: ignored
-  ASSERT_EQ(click(1, "other"), 0);    // not the bubble itself
-  ASSERT_EQ(click(3, "default"), 0);
+  ASSERT_TRUE(click(2, "default"));  // no click context: ignored
+  ASSERT_TRUE(click(1, "other"));    // not the bubble itself
+  ASSERT_TRUE(click(3, "default"));
   ASSERT_TRUE(waitUntil([&] { return clicks.size() == 1; }, 10));
   EXPECT_TRUE(clicks[0]["clickContext"].isDate());
-  ASSERT_EQ(click(1, "default"), 0);
+  ASSERT_TRUE(click(1, "default"));
   ASSERT_TRUE(waitUntil([&] { return clicks.size() == 2; }, 10));
   MVRunLoop::main().runFor(0.3);
   EXPECT_EQ(clicks.size(), 2u);
 
-  // The switch holds back the notification; removing it lets the next through.
-  MVPlistValue prefs;
-  prefs.set("growlDisabled", true);
-  ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), prefs));
-  MVGrowl::postGrowlNotification("Render Complete", "suppressed", "", "");
-  std::filesystem::remove(MVGlobalPreferences::path());
   // This server reads the body as markup: a file name shows as typed.
   MVGrowl::postGrowlNotification("Render Complete", "after: Tom & Jerry <cut>.mov", "", "");
   ASSERT_TRUE(waitUntil([&] { return notified("\"after: Tom &amp; Jerry &lt;cut&gt;.mov\"") == 1; }, 10));
-  EXPECT_EQ(notified("suppressed"), 0u);
 
   // No server: one log line for any number of notifications, and no crash.
-  bus.stopDaemon(server.pid);
-  const std::string complaint = "Desktop notification not shown: no notification server";
-  std::size_t before = logLinesContaining(complaint);
+  server.stop();
+  LogSince log;
   MVGrowl::postGrowlNotification("Render Complete", "lost 1");
   MVGrowl::postGrowlNotification("Render Complete", "lost 2");
-  ASSERT_TRUE(waitUntil([&] { return logLinesContaining(complaint) > before; }, 10));
+  const std::string complaint = "Desktop notification not shown: no notification server";
+  ASSERT_TRUE(waitUntil([&] { return log.count(complaint) > 0; }, 10));
   MVRunLoop::main().runFor(0.5);
-  EXPECT_EQ(logLinesContaining(complaint), before + 1);
+  EXPECT_EQ(log.count(complaint), 1u);
 }
 
 TEST_F(DesktopServices, SoundFinishesExactlyOnceOnTheMainThread) {
@@ -216,8 +193,10 @@ TEST_F(DesktopServices, SoundFinishesExactlyOnceOnTheMainThread) {
 }
 
 TEST_F(DesktopServices, RevealAsksTheFileManagerElseOpensTheFolder) {
-  auto fileManager = bus.startMock("org.freedesktop.FileManager1", kScripts + "/filemanager1.py");
-  ASSERT_TRUE(fileManager.started());
+  Mock fileManager = bus.startBareMock("org.freedesktop.FileManager1", "/org/freedesktop/FileManager1",
+                                       "org.freedesktop.FileManager1");
+  ASSERT_TRUE(fileManager.started() &&
+              fileManager.mock("AddMethod", "org.freedesktop.FileManager1 ShowItems ass \"''\" \"''\""));
   std::string folder = makeTempDir("renders");
   std::string file = folder + "/final cut.mov";
   writeFile(file, "x");
@@ -229,7 +208,7 @@ TEST_F(DesktopServices, RevealAsksTheFileManagerElseOpensTheFolder) {
   EXPECT_FALSE(MVWorkspace::revealFile(folder + "/missing.mov"));
 
   // Without a file manager the folder opens in its default application.
-  bus.stopDaemon(fileManager.pid);
+  fileManager.stop();
   EXPECT_TRUE(MVWorkspace::revealFile(file));
   EXPECT_TRUE(waitUntil([&] { return fileHasLine(Desktop::shared().opened, folder); }, 10));
 }
@@ -272,19 +251,14 @@ TEST_F(DesktopServices, FrontmostApplicationComesFromX11OrIsUnknown) {
   EnvOverride display("DISPLAY", ":987654");  // no such server
   EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "");
 
-  // Under Xvfb (kept from resetting between clients), the process named by
-  // the active window's _NET_WM_PID.
-  pid_t xvfb = startInBackground("Xvfb :87 -nolisten tcp -noreset");
-  setenv("DISPLAY", ":87", 1);
-  if (waitUntil([] { return shell("xprop -root >/dev/null 2>&1") == 0; }, 10)) {
-    shell("xprop -root -f _NET_WM_PID 32c -set _NET_WM_PID " + std::to_string(getpid()));
-    shell("xprop -root -f _NET_ACTIVE_WINDOW 32x -set _NET_ACTIVE_WINDOW "
-          "$(xwininfo -root | awk '/Window id/{print $4}')");
-    std::string comm = readFile("/proc/self/comm");
-    comm.erase(comm.find_last_not_of('\n') + 1);
-    EXPECT_EQ(MVWorkspace::frontmostApplicationName(), comm);
-  }
-  kill(xvfb, SIGTERM);
+  // Under Xvfb, the process named by the active window's _NET_WM_PID.
+  power_test::VirtualDisplay x;
+  ASSERT_TRUE(x.running());
+  setenv("DISPLAY", x.display().c_str(), 1);
+  shell("xprop -root -f _NET_WM_PID 32c -set _NET_WM_PID " + std::to_string(getpid()));
+  shell("xprop -root -f _NET_ACTIVE_WINDOW 32x -set _NET_ACTIVE_WINDOW $(xwininfo -root | awk '/Window id/{print $4}')");
+  std::string comm = readFile("/proc/self/comm");
+  EXPECT_EQ(MVWorkspace::frontmostApplicationName(), comm.substr(0, comm.find('\n')));
 
   EnvOverride wayland("XDG_SESSION_TYPE", "wayland");
   EXPECT_EQ(MVWorkspace::frontmostApplicationName(), "");
@@ -309,7 +283,7 @@ TEST_F(DesktopServices, BundlesAreFoundByIdentifierInTheApplicationsFolders) {
 TEST_F(DesktopServices, WithoutASessionBusEverythingStaysQuiet) {
   std::string saved = getenv("DBUS_SESSION_BUS_ADDRESS");
   setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/quillon-bus", 1);
-  std::size_t before = logLinesContaining("No session bus at unix:path=/nonexistent/quillon-bus");
+  LogSince log;
 
   int calls = 0;
   MVObserverToken token = MVDistributedNotificationCenter::defaultCenter().addObserver(
@@ -318,8 +292,7 @@ TEST_F(DesktopServices, WithoutASessionBusEverythingStaysQuiet) {
   MVGrowl::postGrowlNotification("Render Complete", "nowhere");
   MVRunLoop::main().runFor(0.5);
   EXPECT_EQ(calls, 0);
-  EXPECT_EQ(logLinesContaining("No session bus at unix:path=/nonexistent/quillon-bus"), before + 1)
-      << MVLog::currentLogPath() << ": " << readFile(MVLog::currentLogPath());
+  EXPECT_EQ(log.count("No session bus at unix:path=/nonexistent/quillon-bus"), 1u) << log.text();
 
   // The bus comes back: observers added before it work again.
   setenv("DBUS_SESSION_BUS_ADDRESS", saved.c_str(), 1);

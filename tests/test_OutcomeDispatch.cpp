@@ -1,8 +1,5 @@
-// What the controller does when a render ends: the repeat guard, the
-// "only when inactive" rule, the actions run for each kind of render and
-// their order, the messages for e-mail and text, and the wait for the jobs
-// still running. The desktop, the sounds and the notification service are
-// recording fakes; scripts run for real.
+// What the controller does when a render ends. The desktop, the sounds and
+// the notification service are recording fakes; scripts run for real.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,9 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <mutex>
-#include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "AppController.h"
@@ -160,11 +155,7 @@ class OutcomeDispatch : public ::testing::Test {
     chmod(script.c_str(), 0644);  // not executable: it must be handed to bash
     return script;
   }
-  static std::size_t lines(const std::string& path) {
-    if (!quillon_test::fileExists(path)) return 0;
-    std::string text = readFile(path);
-    return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-  }
+  static std::size_t lines(const std::string& path) { return quillon_test::timesIn(readFile(path), "\n"); }
 
   CallLog calls;
   std::shared_ptr<FakeSound> sound = std::make_shared<FakeSound>(calls);
@@ -288,9 +279,7 @@ TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) 
     // Each render is a new write of the file, so none is a repeat.
     Calls got = calls.take();
     auto has = [&](const std::string& prefix) {
-      for (const auto& call : got)
-        if (call.rfind(prefix, 0) == 0) return true;
-      return false;
+      return std::any_of(got.begin(), got.end(), [&](const std::string& call) { return call.rfind(prefix, 0) == 0; });
     };
     EXPECT_EQ(has("notify:"), c.notify);
     EXPECT_EQ(has("sound:"), c.sound);
@@ -390,21 +379,17 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
   auto of = [&](const char* type) {
     return render({{"type", type}, {"fullPath", file("r" + std::to_string(++n))}, {"batchid", std::to_string(n)}});
   };
-  auto premiere = [&] { return of("premiereRender"); };
-  auto avid = [&] { return of("avidRender"); };
-  auto fcp = [&] { return of("fcpRender"); };
-  auto ame = [&] { return of("ameQueue"); };
-  auto batch = [&] { return of("qmaster"); };
   const Case cases[] = {
       // One test with the Avid name serves Premiere renders too.
-      {"Premiere behind Avid", premiere(), 1, "Avid Media Composer", "Avid is currently active...skipping"},
-      {"Premiere in front", premiere(), 1, "Adobe Premiere Pro", nullptr},
-      {"Avid in front", avid(), 1, "Avid Media Composer", "Avid is currently active...skipping"},
-      {"Avid, option 2", avid(), 2, "Avid Media Composer", nullptr},
-      {"Final Cut Pro in front", fcp(), 1, "Final Cut Pro", "Final Cut Pro is currently active...skipping"},
-      {"Final Cut Pro behind Avid", fcp(), 1, "Avid Media Composer", nullptr},
-      {"Media Encoder in front", ame(), 1, "Adobe Media Encoder", "Adobe Media Encoder is currently active...skipping"},
-      {"Compressor in front", batch(), 1, "Compressor", "Compressor is currently active...skipping"},
+      {"Premiere behind Avid", of("premiereRender"), 1, "Avid Media Composer", "Avid is currently active...skipping"},
+      {"Premiere in front", of("premiereRender"), 1, "Adobe Premiere Pro", nullptr},
+      {"Avid in front", of("avidRender"), 1, "Avid Media Composer", "Avid is currently active...skipping"},
+      {"Avid, option 2", of("avidRender"), 2, "Avid Media Composer", nullptr},
+      {"Final Cut Pro in front", of("fcpRender"), 1, "Final Cut Pro", "Final Cut Pro is currently active...skipping"},
+      {"Final Cut Pro behind Avid", of("fcpRender"), 1, "Avid Media Composer", nullptr},
+      {"Media Encoder in front", of("ameQueue"), 1, "Adobe Media Encoder",
+       "Adobe Media Encoder is currently active...skipping"},
+      {"Compressor in front", of("qmaster"), 1, "Compressor", "Compressor is currently active...skipping"},
       {"watch folder has no such test", watchRender("w.mov"), 1, "Final Cut Pro", nullptr},
   };
   for (const Case& c : cases) {

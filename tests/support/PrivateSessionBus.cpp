@@ -1,73 +1,74 @@
 #include "PrivateSessionBus.h"
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
-#include <cstdlib>
-
-#include "TestSupport.h"
+#include <sstream>
 
 namespace quillon_test {
 
 namespace {
 
-std::optional<std::string> environment(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? std::optional<std::string>(value) : std::nullopt;
-}
+const std::string kSupport = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
 
-void restore(const char* name, const std::optional<std::string>& value) {
-  if (value)
-    setenv(name, value->c_str(), 1);
-  else
-    unsetenv(name);
+// The keyring keeps its control socket in the runtime folder, and must not
+// meet one of the real session.
+std::string privateRuntimeDir() {
+  std::string runtime = makeTempDir("runtime");
+  chmod(runtime.c_str(), 0700);
+  return runtime;
 }
 
 }  // namespace
 
-PrivateSessionBus::PrivateSessionBus()
-    : savedAddress_(environment("DBUS_SESSION_BUS_ADDRESS")), savedRuntimeDir_(environment("XDG_RUNTIME_DIR")) {
-  // A private runtime folder too: the keyring keeps its control socket there,
-  // and must not meet one of the real session.
-  std::string runtime = makeTempDir("runtime");
-  chmod(runtime.c_str(), 0700);
-  setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-
-  std::string output = shellOutput(std::string(QUILLON_SOURCE_DIR) + "/tests/support/session-bus.sh");
-  auto newline = output.find('\n');
-  if (newline == std::string::npos) {
-    error_ = "dbus-daemon did not start: " + output;
-    return;
-  }
-  address_ = output.substr(0, newline);
-  busPid_ = std::atoi(output.c_str() + newline + 1);
-  setenv("DBUS_SESSION_BUS_ADDRESS", address_.c_str(), 1);
+PrivateBus::PrivateBus(Kind kind) : kind_(kind) {
+  start(kSupport + (kind == kSystem ? "/system-bus.sh" : "/session-bus.sh"));
 }
 
-PrivateSessionBus::~PrivateSessionBus() {
+PrivateBus::PrivateBus(const std::string& script)
+    : kind_(script.find("system") != std::string::npos ? kSystem : kSession) {
+  start(script);
+}
+
+void PrivateBus::start(const std::string& script) {
+  std::string output = shellOutput(script);
+  std::istringstream lines(output);
+  std::getline(lines, address_);
+  lines >> busPid_;
+  if (address_.empty() || busPid_ <= 0) {
+    busPid_ = 0;
+    error_ = "dbus-daemon did not start: " + output;
+  }
+}
+
+PrivateBus::~PrivateBus() {
   for (pid_t pid : daemons_) {
     kill(pid, SIGTERM);
     waitpid(pid, nullptr, 0);
   }
   // The bus daemon forked away from us; it is not our child to reap.
   if (busPid_ > 0) kill(busPid_, SIGTERM);
-  restore("DBUS_SESSION_BUS_ADDRESS", savedAddress_);
-  restore("XDG_RUNTIME_DIR", savedRuntimeDir_);
 }
 
-pid_t PrivateSessionBus::startDaemon(const std::string& shellCommand) {
+pid_t PrivateBus::startDaemon(const std::string& shellCommand) {
+  const std::string variable = kind_ == kSystem ? "DBUS_SYSTEM_BUS_ADDRESS" : "DBUS_SESSION_BUS_ADDRESS";
+  const std::string command = "exec env " + variable + "='" + address_ + "' " + shellCommand;
   pid_t pid = fork();
   if (pid == 0) {
-    execl("/bin/sh", "sh", "-c", ("exec " + shellCommand).c_str(), static_cast<char*>(nullptr));
+    // A test process that dies (a sanitizer halting it, a crash) takes its
+    // services along instead of leaving them behind.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   if (pid > 0) daemons_.push_back(pid);
   return pid;
 }
 
-void PrivateSessionBus::stopDaemon(pid_t pid) {
+void PrivateBus::stopDaemon(pid_t pid) {
   auto it = std::find(daemons_.begin(), daemons_.end(), pid);
   if (it == daemons_.end()) return;
   daemons_.erase(it);
@@ -75,38 +76,83 @@ void PrivateSessionBus::stopDaemon(pid_t pid) {
   waitpid(pid, nullptr, 0);
 }
 
-PrivateSessionBus::Mock PrivateSessionBus::startMock(const std::string& busName, const std::string& mockTemplate) {
-  Mock mock;
-  if (!isRunning()) return mock;
-  mock.calls = makeTempDir("mock") + "/calls.log";
-  pid_t pid = startDaemon("/usr/bin/python3 -m dbusmock --template " + mockTemplate + " -l " + mock.calls +
-                          " >/dev/null 2>&1");
-  if (pid > 0 && waitForOwner(busName, 20)) mock.pid = pid;
+Mock PrivateBus::startMockWith(const std::string& busName, const std::string& path, const std::string& arguments) {
+  Mock mock{0, makeTempDir("mock") + "/calls.log", this, busName, path};
+  if (!running()) return mock;
+  pid_t pid = startDaemon("/usr/bin/python3 -m dbusmock " + std::string(kind_ == kSystem ? "--system " : "--session ") +
+                          arguments + " -l " + mock.calls + " >/dev/null 2>&1");
+  if (pid > 0 && waitForOwner(busName, 30)) mock.pid = pid;
   return mock;
 }
 
-std::string PrivateSessionBus::Mock::log() const { return fileExists(calls) ? readFile(calls) : std::string(); }
+Mock PrivateBus::startMock(const std::string& busName, const std::string& mockTemplate, const std::string& path) {
+  std::string objectPath = path;
+  if (objectPath.empty()) {
+    objectPath = "/" + busName;
+    std::replace(objectPath.begin(), objectPath.end(), '.', '/');
+  }
+  return startMockWith(busName, objectPath, "--template " + mockTemplate);
+}
+
+Mock PrivateBus::startBareMock(const std::string& busName, const std::string& path, const std::string& interface) {
+  return startMockWith(busName, path, busName + " " + path + " " + interface);
+}
+
+bool PrivateBus::hasOwner(const std::string& name) const {
+  return shellOutput("gdbus call --address '" + address_ +
+                     "' --dest org.freedesktop.DBus --object-path /org/freedesktop/DBus "
+                     "--method org.freedesktop.DBus.NameHasOwner " + name + " 2>/dev/null")
+             .find("true") != std::string::npos;
+}
+
+bool PrivateBus::waitForOwner(const std::string& name, double seconds) const {
+  return waitUntil([&] { return hasOwner(name); }, seconds);
+}
+
+std::string Mock::log() const { return fileExists(calls) ? readFile(calls) : std::string(); }
+
+std::vector<MockCall> Mock::recorded() const {
+  std::vector<MockCall> result;
+  std::istringstream lines(shellOutput("/usr/bin/python3 " + kSupport + "/mock_calls.py '" + bus->address() + "' " +
+                                       busName + " " + path));
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream fields(line);
+    MockCall call;
+    std::getline(fields, call.method, '\t');
+    for (std::string arg; std::getline(fields, arg, '\t');) call.args.push_back(arg);
+    result.push_back(call);
+  }
+  return result;
+}
+
+std::vector<MockCall> Mock::callsTo(const std::string& method) const {
+  std::vector<MockCall> matching = recorded();
+  std::erase_if(matching, [&](const MockCall& call) { return call.method != method; });
+  return matching;
+}
+
+bool Mock::mock(const std::string& method, const std::string& arguments) const {
+  return bus && shell("gdbus call --address '" + bus->address() + "' --dest " + busName + " --object-path " + path +
+                      " --method org.freedesktop.DBus.Mock." + method + " " + arguments + " >/dev/null 2>&1") == 0;
+}
+
+void Mock::stop() {
+  if (bus && pid > 0) bus->stopDaemon(pid);
+  pid = 0;
+}
+
+PrivateSessionBus::PrivateSessionBus()
+    : runtime_("XDG_RUNTIME_DIR", privateRuntimeDir()), sessionAddress_("DBUS_SESSION_BUS_ADDRESS", address()) {}
 
 bool PrivateSessionBus::startKeyring() {
-  if (!isRunning()) return false;
+  if (!running()) return false;
   // The keyring reads the login password on standard input and creates an
-  // unlocked login keyring with it.
-  // From a file rather than a pipe, so that the pid we kill is the daemon's.
+  // unlocked login keyring with it. From a file rather than a pipe, so that
+  // the pid we kill is the daemon's.
   std::string login = makeTempDir("keyring") + "/login";
   writeFile(login, "test-login");
   startDaemon("gnome-keyring-daemon --foreground --unlock --components=secrets <" + login + " >/dev/null 2>&1");
   return waitForOwner("org.freedesktop.secrets", 20);
-}
-
-bool PrivateSessionBus::hasOwner(const std::string& name) const {
-  return shellOutput("dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus "
-                     "org.freedesktop.DBus.NameHasOwner string:" +
-                     name + " 2>/dev/null")
-             .find("true") != std::string::npos;
-}
-
-bool PrivateSessionBus::waitForOwner(const std::string& name, double seconds) const {
-  return waitUntil([&] { return hasOwner(name); }, seconds);
 }
 
 }  // namespace quillon_test
