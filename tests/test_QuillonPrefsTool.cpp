@@ -1,11 +1,6 @@
-// quillon-prefs as the user runs it: the settings file it writes (read back
-// with Python's plistlib), the secret store (read back with secret-tool),
-// the reload notice on a private session bus, and bad input of every kind.
+// quillon-prefs as the user runs it, its results read back by other programs.
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -20,36 +15,23 @@
 
 namespace {
 
-using quillon_test::readFile;
-using quillon_test::shell;
-using quillon_test::shellOutput;
-using quillon_test::writeFile;
+using namespace quillon_test;
+const auto quoted = shellQuote;
 
-std::string quoted(const std::string& text) {
-  std::string out = "'";
-  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
-}
-
-struct Outcome {
-  int status;
-  std::string out;
-  std::string err;
-};
+struct Outcome { int status; std::string out, err; };
 
 // Runs the tool with `arguments` (already shell words), feeding `input`.
 Outcome prefs(const std::string& arguments, const std::string& input = "", const std::string& workingFolder = "") {
-  static const std::string scratch = quillon_test::makeTempDir("prefs-run");
+  static const std::string scratch = makeTempDir("prefs-run");
   writeFile(scratch + "/in", input);
   std::string command = (workingFolder.empty() ? "" : "cd " + quoted(workingFolder) + " && ") +
-                        quoted(quillon_test::binPath("quillon-prefs")) + " " + arguments + " <" + scratch +
+                        quoted(binPath("quillon-prefs")) + " " + arguments + " <" + scratch +
                         "/in >" + scratch + "/out 2>" + scratch + "/err";
   int status = shell(command);
   return {status, readFile(scratch + "/out"), readFile(scratch + "/err")};
 }
 
-// Every key of a property-list file as "key type value" lines, as Python
-// sees it, after a first line naming the format.
+// The format, then every key as "key type value" lines, as Python sees it.
 std::string plistlibDump(const std::string& path) {
   return shellOutput(
       "/usr/bin/python3 -c \"import plistlib,sys\n"
@@ -64,8 +46,8 @@ std::string plistlibDump(const std::string& path) {
 void writeSettingsWithPlistlib(const std::string& dictionary, const std::string& format) {
   const std::string path = QuillonPreferences::settingsPath();
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-  ASSERT_EQ(shell("/usr/bin/python3 -c \"import plistlib,datetime\n"
-                  "plistlib.dump(" + dictionary + ", open('" + path + "','wb'), fmt=plistlib." + format + ")\""),
+  ASSERT_EQ(python3("import plistlib, datetime\nplistlib.dump(" + dictionary + ", open('" + path +
+                    "', 'wb'), fmt=plistlib." + format + ")\n"),
             0);
 }
 
@@ -84,9 +66,9 @@ class QuillonPrefsToolTest : public ::testing::Test {
 };
 
 TEST_F(QuillonPrefsToolTest, EditsKeepTheFileFormatAndUnknownKeys) {
-  const std::string folderA = quillon_test::makeTempDir("watchA");
-  const std::string folderB = quillon_test::makeTempDir("watchB");
-  const std::string scripts = quillon_test::makeTempDir("scripts");
+  const std::string folderA = makeTempDir("watchA");
+  const std::string folderB = makeTempDir("watchB");
+  const std::string scripts = makeTempDir("scripts");
   writeFile(scripts + "/done.sh", "#!/bin/sh\n");
 
   for (const std::string& format : std::vector<std::string>{"FMT_XML", "FMT_BINARY"}) {
@@ -134,7 +116,7 @@ TEST_F(QuillonPrefsToolTest, EditsKeepTheFileFormatAndUnknownKeys) {
 }
 
 TEST_F(QuillonPrefsToolTest, BadInputIsRefusedAndChangesNothing) {
-  const std::string folder = quillon_test::makeTempDir("watched");
+  const std::string folder = makeTempDir("watched");
   const std::string file = folder + "/plain.txt";
   writeFile(file, "x");
   writeSettingsWithPlistlib("{'watchQmaster': 1, 'emailFromAddress': 'me@example.com', 'watchFolders': ['" + folder +
@@ -142,51 +124,29 @@ TEST_F(QuillonPrefsToolTest, BadInputIsRefusedAndChangesNothing) {
                             "FMT_BINARY");
   const std::string before = settings();
 
-  struct Case {
-    std::string arguments;
-    int status;
-    std::string error;
-  };
+  struct Case { std::string arguments; int status; std::string error; };
   const Case cases[] = {
       {"set noSuchKey 1", 1, "unknown key 'noSuchKey'"},
       {"set customKey 1", 1, "unknown key 'customKey'"},
-      {"unset noSuchKey", 1, "unknown key 'noSuchKey'"},
       {"get noSuchKey", 1, "unknown key 'noSuchKey'"},
       {"set watchQmaster 2", 1, "watchQmaster is a switch"},
-      {"set notifyGrowl maybe", 1, "notifyGrowl is a switch"},
-      {"set emailPort abc", 1, "emailPort takes a port number"},
       {"set emailPort 70000", 1, "emailPort takes a port number"},
       {"set emailPort 0", 1, "emailPort takes a port number"},
       {"set logoutAction -1", 1, "logoutAction takes 0 (none)"},
-      {"set logoutAction reboot", 1, "logoutAction takes 0 (none)"},
       {"set emailFromAddress 'not an address'", 1, "emailFromAddress takes one e-mail address"},
       {"set emailToAddress 'a@example.com, oops'", 1, "'oops' is not one"},
       {"set emailServer 'smtp://x'", 1, "emailServer takes a host name"},
       {"set emailAccountName ''", 1, "cannot be set to an empty value"},
       {"set scriptPath /nonexistent/run.sh", 1, "no such file: /nonexistent/run.sh"},
-      {"set scriptPath " + quoted(folder), 1, "not a file"},
-      {"set sendToAppPath /nonexistent/app", 1, "no such file"},
-      {"set txtMessagePhoneNumber 5550100", 1, "use 'phone NUMBER'"},
       {"set watchFolders /tmp", 1, "use 'watch-folders add"},
-      {"set selectedTextCarrier nosuch", 1, "unknown carrier 'nosuch'"},
       {"carrier nosuch", 1, "unknown carrier 'nosuch'"},
-      {"watch-folders add /nonexistent/folder", 1, "not a folder: /nonexistent/folder"},
       {"watch-folders add " + quoted(folder) + " " + quoted(file), 1, "not a folder: " + file},
-      {"watch-folders remove /not/listed", 1, "not a watch folder: /not/listed"},
-      {"watch-folders frob", 2, "unknown action 'frob'"},
       {"watch-folders add", 2, "add needs at least one folder"},
-      {"phone 'call me'", 1, "is not a phone number"},
       {"phone 12", 1, "is not a phone number"},
       {"phone 1234567890123456", 1, "is not a phone number"},
       {"password hunter2", 2, "never given on the command line"},
-      {"set watchQmaster", 2, "usage: quillon-prefs set KEY VALUE"},
-      {"set watchQmaster 1 extra", 2, "usage: quillon-prefs set KEY VALUE"},
       {"frobnicate", 2, "unknown command 'frobnicate'"},
-      {"test nothing", 2, "unknown test 'nothing'"},
       {"test email", 1, "emailServer is not set; nothing was sent"},
-      {"test text", 1, "emailServer is not set; nothing was sent"},
-      {"help frobnicate", 1, "unknown command 'frobnicate'"},
-      {"", 2, ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
@@ -199,37 +159,26 @@ TEST_F(QuillonPrefsToolTest, BadInputIsRefusedAndChangesNothing) {
 
 TEST_F(QuillonPrefsToolTest, UnreadableSettingsFileIsNamedAndLeftAlone) {
   const std::string path = QuillonPreferences::settingsPath();
-  struct Case {
-    std::string name;
-    std::function<void()> make;
-    std::string error;
-  };
+  struct Case { std::string name; std::function<void()> make; std::string error; };
   const Case cases[] = {
       {"garbage", [&] { writeFile(path, "<?xml version=\"1.0\"?><plist><dict><key>a</key>"); },
        "is not a property list"},
       {"array root", [&] { writeSettingsWithPlistlib("['a', 'b']", "FMT_XML"); }, "does not hold a dictionary"},
       {"folder", [&] { std::filesystem::create_directories(path + "/inside"); }, "it is not a regular file"},
   };
-  const std::string folder = quillon_test::makeTempDir("watched");
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::error_code ec;
     std::filesystem::remove_all(path, ec);
     c.make();
     const std::string before = std::filesystem::is_directory(path) ? "" : settings();
-    const std::vector<std::string> commands = {"show", "get watchQmaster", "set watchQmaster 1", "unset watchQmaster",
-                                               "watch-folders add " + quoted(folder), "phone 5550100", "carrier att"};
-    for (const auto& command : commands) {
+    for (const char* command : {"show", "set watchQmaster 1", "phone 5550100"}) {
       SCOPED_TRACE(command);
       Outcome outcome = prefs(command);
       EXPECT_EQ(outcome.status, 1);
       EXPECT_NE(outcome.err.find(path), std::string::npos) << outcome.err;
       EXPECT_NE(outcome.err.find(c.error), std::string::npos) << outcome.err;
-      if (std::filesystem::is_directory(path)) {
-        EXPECT_TRUE(std::filesystem::exists(path + "/inside"));
-      } else {
-        EXPECT_EQ(settings(), before);
-      }
+      EXPECT_EQ(std::filesystem::is_directory(path) ? "" : settings(), before);
     }
   }
 }
@@ -242,15 +191,12 @@ TEST_F(QuillonPrefsToolTest, PhoneNumberIsStoredEncryptedUnderBothKeys) {
   EXPECT_EQ(success, failure);
   EXPECT_EQ(success.count() % MVEncryption::kBlockSize, 0u);
 
-  // What the agent does with it: decrypt, keep the digits.
   auto plain = MVEncryption::AESDecryptData(*success.data(), MVEncryption::kTextMessagePassphrase);
   EXPECT_EQ(std::string(plain.begin(), plain.end()), "+1 (555) 010-0000               ");
   EXPECT_NE(plistlibDump(QuillonPreferences::settingsPath()).find("txtMessagePhoneNumber bytes"), std::string::npos);
 
   // Without a chosen carrier the agent texts through "att".
   EXPECT_NE(prefs("phone").out.find("Texted at: 15550100000@txt.att.net"), std::string::npos);
-  Outcome listed = prefs("carriers");
-  EXPECT_NE(listed.out.find("* att          AT&T"), std::string::npos) << listed.out;
   ASSERT_EQ(prefs("carrier verizon").status, 0);
   EXPECT_EQ(QuillonPreferences::objectForPreferenceDictionaryKey("selectedTextCarrier"), MVPlistValue("verizon"));
   EXPECT_NE(prefs("phone").out.find("Texted at: 15550100000@vtext.com (Verizon)"), std::string::npos);
@@ -261,22 +207,14 @@ TEST_F(QuillonPrefsToolTest, PhoneNumberIsStoredEncryptedUnderBothKeys) {
   EXPECT_EQ(prefs("phone").status, 1);
 }
 
-TEST_F(QuillonPrefsToolTest, EveryCommandHasHelp) {
-  Outcome overview = prefs("help");
-  ASSERT_EQ(overview.status, 0);
-  for (const std::string& command : std::vector<std::string>{"show", "get", "set", "unset", "watch-folders", "password", "phone", "carriers",
-                                    "carrier", "test", "help"}) {
-    SCOPED_TRACE(command);
-    EXPECT_NE(overview.out.find("\n  " + command + " "), std::string::npos) << overview.out;
-    for (const std::string& asked : std::vector<std::string>{"help " + command, command + " --help"}) {
-      Outcome outcome = prefs(asked);
-      EXPECT_EQ(outcome.status, 0);
-      EXPECT_EQ(outcome.out.rfind("usage: quillon-prefs " + command, 0), 0u) << outcome.out;
-    }
+TEST_F(QuillonPrefsToolTest, HelpForACommandAndChangesWithoutASessionBus) {
+  EXPECT_NE(prefs("help").out.find("\n  watch-folders "), std::string::npos);
+  for (const char* asked : {"help phone", "phone --help"}) {
+    Outcome outcome = prefs(asked);
+    EXPECT_EQ(outcome.status, 0);
+    EXPECT_EQ(outcome.out.rfind("usage: quillon-prefs phone", 0), 0u) << outcome.out;
   }
-}
 
-TEST_F(QuillonPrefsToolTest, WithoutASessionBusTheChangeIsSavedAndSaidSo) {
   Outcome outcome = prefs("set notifySound 0");
   EXPECT_EQ(outcome.status, 0);
   EXPECT_EQ(outcome.err,
@@ -336,12 +274,9 @@ TEST_F(QuillonPrefsToolBusTest, EveryChangeAndOnlyAChangeAsksTheAgentToReload) {
   MVObserverToken token = MVDistributedNotificationCenter::defaultCenter().addObserver(
       "MVQuillonConfigUpdate", [&](const std::string&, const MVPlistValue&, const MVPlistValue&) { ++reloads; });
   // Let the subscription reach the bus before the first notice.
-  quillon_test::waitUntil([] { return false; }, 0.3);
+  waitUntil([] { return false; }, 0.3);
 
-  struct Case {
-    std::string arguments;
-    int reloads;
-  };
+  struct Case { std::string arguments; int reloads; };
   const Case cases[] = {
       {"set watchAvidRenders 1", 1},
       {"set watchAvidRenders 1", 1},  // unchanged: nothing to reload
@@ -354,7 +289,9 @@ TEST_F(QuillonPrefsToolBusTest, EveryChangeAndOnlyAChangeAsksTheAgentToReload) {
     SCOPED_TRACE(c.arguments);
     Outcome outcome = prefs(c.arguments);
     EXPECT_EQ(outcome.err.find("no session bus"), std::string::npos) << outcome.err;
-    quillon_test::waitUntil([&] { return reloads >= c.reloads + 1; }, c.reloads > reloads ? 5.0 : 0.5);
+    // Wait for the expected notice, then a little for a stray second one.
+    waitUntil([&] { return reloads >= c.reloads; }, 5);
+    waitUntil([] { return false; }, 0.5);
     EXPECT_EQ(reloads, c.reloads);
   }
 }
@@ -373,8 +310,6 @@ TEST_F(QuillonPrefsToolBusTest, PasswordGoesToTheSecretStoreWhereTheAgentReadsIt
   Outcome stored = prefs("password", "s3cret pass\n");
   ASSERT_EQ(stored.status, 0) << stored.err;
   EXPECT_EQ(shellOutput(lookup + " 2>/dev/null"), "s3cret pass");
-  // (The agent's own reader is not used in this process: libsecret's shared
-  // bus connection would end the test process when the private bus goes.)
 
   // Replacing keeps one item; refused input leaves the stored one.
   ASSERT_EQ(prefs("password set", "second\r\n").status, 0);
@@ -395,16 +330,14 @@ TEST_F(QuillonPrefsToolBusTest, TestNotificationReachesTheNotificationServer) {
   EXPECT_EQ(none.status, 1);
   EXPECT_NE(none.err.find("no notification server"), std::string::npos) << none.err;
 
-  const std::string log = quillon_test::makeTempDir("notify") + "/calls";
-  bus_->startDaemon("/usr/bin/python3 -m dbusmock --template notification_daemon -l " + log);
-  ASSERT_TRUE(bus_->waitForOwner("org.freedesktop.Notifications", 20));
+  quillon_test::Mock server = bus_->startMock("org.freedesktop.Notifications", "notification_daemon");
+  ASSERT_TRUE(server.started());
   Outcome sent = prefs("test notification");
   EXPECT_EQ(sent.status, 0) << sent.err;
   EXPECT_NE(sent.out.find("Sent a test notification to mock-notify 1.0 (test vendor)"), std::string::npos)
       << sent.out;
-  EXPECT_TRUE(quillon_test::waitUntil([&] { return readFile(log).find("Notify \"Quillon\"") != std::string::npos; }, 5))
-      << readFile(log);
-  EXPECT_NE(readFile(log).find("\"Quillon test\""), std::string::npos) << readFile(log);
+  EXPECT_TRUE(waitUntil([&] { return linesWith(server.log(), "Notify \"Quillon\"", "\"Quillon test\"") == 1; }, 5))
+      << server.log();
 }
 
 }  // namespace

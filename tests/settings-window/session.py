@@ -1,8 +1,5 @@
-"""A desktop session of its own for driving quillon-settings: Xvfb, a private
-session bus with the accessibility bus on it, an unlocked gnome-keyring, an
-aiosmtpd relay and a home folder, all started here and stopped at the end.
-
-Controls are found by their accessible names, as a screen reader finds them."""
+"""A desktop session of its own for quillon-settings (Xvfb, private session and
+accessibility buses, gnome-keyring, a mail relay, a home), stopped at the end."""
 import os
 import shutil
 import signal
@@ -24,7 +21,7 @@ def wait_for(check, seconds=20, step=0.1):
 
 
 class Session:
-    def __init__(self, settings_program, prefs_program, relay=True):
+    def __init__(self, settings_program, prefs_program):
         self.settings_program = settings_program
         self.prefs_program = prefs_program
         self.root = tempfile.mkdtemp(prefix="quillon-settings-")
@@ -48,8 +45,7 @@ class Session:
         self.bus_pid = int(bus[1])
         self.env = env
         os.environ.update(env)
-        for key in ("NO_AT_BRIDGE",):
-            os.environ.pop(key, None)
+        os.environ.pop("NO_AT_BRIDGE", None)
         # The keyring makes an unlocked login keyring with the password it reads.
         keyring = subprocess.Popen(["gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets"],
                                    stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
@@ -58,15 +54,12 @@ class Session:
         keyring.stdin.close()
         self.processes.append(keyring)
         assert wait_for(lambda: self._has_name("org.freedesktop.secrets")), "the keyring did not start"
-        if relay:
-            self._start_relay()
+        self._start_relay()
         import pyatspi  # after the bus address is known
         self.pyatspi = pyatspi
-        # The accessibility bus and its registry start on first use; the
-        # window must find them there when it starts.
+        # Start the accessibility bus now: the window must find it when it starts.
         pyatspi.Registry.getDesktop(0).childCount
         assert wait_for(lambda: self._has_name("org.a11y.Bus")), "no accessibility bus"
-        self.app = None
 
     def _start_display(self, env):
         for number in range(90, 140):
@@ -97,7 +90,6 @@ class Session:
         assert wait_for(lambda: os.path.exists(ready) and open(ready).read().strip()), "the relay did not start"
         self.relay_port = int(open(ready).read().split()[0])
 
-    # The settings as an independent reader sees them.
     def prefs(self, *arguments):
         return subprocess.run([self.prefs_program, *arguments], capture_output=True, text=True, env=self.env)
 
@@ -109,8 +101,8 @@ class Session:
         return subprocess.run(["secret-tool", "search", "--all", "acct", sender], capture_output=True, text=True,
                               env=self.env).stdout
 
-    def start_window(self, extra_env=None):
-        env = dict(self.env, **(extra_env or {}))
+    def start_window(self):
+        env = dict(self.env)
         if "LSAN_OPTIONS" in env:
             # Debian's GTK has no frame pointers: only the slow unwinder
             # follows a leak into the library that made it.
@@ -119,15 +111,10 @@ class Session:
                                                stderr=open(os.path.join(self.root, "window.log"), "a"))
         self.processes.append(self.window_process)
         self.app = wait_for(lambda: self._application("quillon-settings"), 30)
-        if not self.app:
-            with open(os.path.join(self.root, "window.log"), errors="replace") as log:
-                raise AssertionError("the settings window did not appear on the accessibility bus (exit status %s):\n%s"
-                                     % (self.window_process.poll(), log.read()[-6000:]))
+        assert self.app, "no settings window (exit status %s):\n%s" % (self.window_process.poll(), self._log())
         assert wait_for(lambda: self.find("check box", "Compressor", required=False), 20)
-        return self.app
 
-    # Closes the window as a user does and checks that the program ended
-    # cleanly (the sanitizer builds report at exit).
+    # Closes the window as a user does; the sanitizer builds report at exit.
     def stop_window(self):
         self.press(self.find("push button", "Close"))
         try:
@@ -135,16 +122,14 @@ class Session:
         except subprocess.TimeoutExpired:
             self.window_process.kill()
             status = "hung"
-        self.app = None
+        assert status == 0, "quillon-settings ended with %s:\n%s" % (status, self._log())
+
+    def _log(self):
         with open(os.path.join(self.root, "window.log"), errors="replace") as log:
-            assert status == 0, "quillon-settings ended with %s:\n%s" % (status, log.read()[-6000:])
+            return log.read()[-6000:]
 
     def _application(self, name):
-        desktop = self.pyatspi.Registry.getDesktop(0)
-        for app in desktop:
-            if app is not None and app.name == name:
-                return app
-        return None
+        return next((app for app in self.pyatspi.Registry.getDesktop(0) if app is not None and app.name == name), None)
 
     # The first object of `role` whose name holds `name` (GTK joins a row's
     # title and the control's own name).
@@ -156,19 +141,15 @@ class Session:
             assert found is not None, "no %s named %r" % (role, name)
         return found
 
-    def find_all(self, role, name):
-        return self.pyatspi.findAllDescendants(self.app, lambda o: o is not None and o.getRoleName() == role
-                                               and name in (o.name or ""))
-
     def press(self, obj):
         obj.queryAction().doAction(0)
 
     # Clicks into the field and types, as a user does: GTK's entry rows take
     # no text through the accessibility interface.
-    def type_into(self, role, name, text, window="Quillon Settings"):
+    def type_into(self, role, name, text):
         field = self.find(role, name)
         box = field.queryComponent().getExtents(self.pyatspi.WINDOW_COORDS)
-        wid = subprocess.run(["xdotool", "search", "--name", "^%s$" % window], capture_output=True, text=True,
+        wid = subprocess.run(["xdotool", "search", "--name", "^Quillon Settings$"], capture_output=True, text=True,
                              env=self.env).stdout.split()[-1]
         self.xdotool("mousemove", "--window", wid, str(box.x + box.width // 2), str(box.y + box.height // 2),
                      "click", "1")

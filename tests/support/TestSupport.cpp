@@ -76,6 +76,18 @@ std::string shellOutput(const std::string& command) {
   return out;
 }
 
+std::string shellQuote(const std::string& text) {
+  std::string out = "'";
+  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out + "'";
+}
+
+int python3(const std::string& script) {
+  std::string file = makeTempDir("py") + "/script.py";
+  writeFile(file, script);
+  return shell("/usr/bin/python3 " + file);
+}
+
 std::string binPath(const std::string& name) { return std::string(QUILLON_BINARY_DIR) + "/bin/" + name; }
 
 std::size_t timesIn(const std::string& text, const std::string& part) {

@@ -25,6 +25,10 @@ bool waitUntil(const std::function<bool()>& condition, double timeoutSeconds);
 // Runs a command through /bin/sh and returns its exit status (test-side only).
 int shell(const std::string& command);
 std::string shellOutput(const std::string& command);
+// `text` as one shell word.
+std::string shellQuote(const std::string& text);
+// Runs a Python script with Debian's modules (plistlib, dbusmock...); its exit status.
+int python3(const std::string& script);
 
 // The path of a built program in build/bin.
 std::string binPath(const std::string& name);
