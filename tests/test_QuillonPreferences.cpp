@@ -56,18 +56,6 @@ TEST_F(QuillonPreferencesTest, ReaderTestsOverATableOfValues) {
   EXPECT_FALSE(QuillonPreferences::isNonEmpty("absent"));
 }
 
-TEST_F(QuillonPreferencesTest, DamagedSettingsReadAsAbsentAndAreNotTouched) {
-  std::string path = QuillonPreferences::settingsPath();
-  std::string binary = *MVPropertyList::serialize(
-      MVPlistValue(MVPlistValue::Dictionary{{kWatchQmasterKey, 1}, {kNotifyGrowlKey, 0}}), MVPropertyList::Format::Binary);
-  for (const std::string& contents : {std::string(), binary.substr(0, binary.size() / 2)}) {
-    writeFile(path, contents);
-    EXPECT_FALSE(QuillonPreferences::isEqualToOne(kWatchQmasterKey));
-    EXPECT_TRUE(QuillonPreferences::isPresentOrOne(kNotifyGrowlKey));
-    EXPECT_EQ(contents, readFile(path));
-  }
-}
-
 TEST_F(QuillonPreferencesTest, SetObjectKeepsFormatAndUnknownKeys) {
   std::string path = QuillonPreferences::settingsPath();
   ASSERT_EQ(0, python("plistlib.dump({'futureKey': {'x': [1, 2]}, 'watchAvidRenders': 0}, open(path, 'wb'), "
