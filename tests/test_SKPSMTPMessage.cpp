@@ -4,39 +4,19 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <functional>
 #include <map>
 #include <regex>
 #include <thread>
 
-#include "MVRunLoop.h"
-#include "TestSupport.h"
+#include "SMTPRelay.h"
 #include "smtp/ScriptedSMTPServer.h"
 
-using quillon_test::waitUntil;
+using namespace quillon_test;
 
 namespace {
-
-// Records every report and drops the test's only reference to the message
-// inside the callback, as the e-mail notification does.
-struct Recorder : SKPSMTPMessageDelegate {
-  std::shared_ptr<SKPSMTPMessage> message;
-  int sent = 0;
-  std::vector<SKPSMTPError> failures;
-  bool calledOnMainThread = true;
-
-  void messageSent(const std::shared_ptr<SKPSMTPMessage>&) override {
-    ++sent;
-    calledOnMainThread &= MVRunLoop::main().isMainThread();
-    message.reset();
-  }
-  void messageFailed(const std::shared_ptr<SKPSMTPMessage>&, const SKPSMTPError& error) override {
-    failures.push_back(error);
-    calledOnMainThread &= MVRunLoop::main().isMainThread();
-    message.reset();
-  }
-  int reports() const { return sent + static_cast<int>(failures.size()); }
-};
 
 // Replies of a well-behaved server; `overrides` maps a command prefix to the
 // reply that replaces the usual one.
@@ -55,7 +35,8 @@ ScriptedSMTPServer::Reply replies(std::map<std::string, std::string> overrides =
   };
 }
 
-std::shared_ptr<SKPSMTPMessage> makeMessage(Recorder& recorder, std::vector<int> ports) {
+// A message reporting to `reports`.
+std::shared_ptr<SKPSMTPMessage> makeMessage(SMTPReports& reports, std::vector<int> ports) {
   auto message = SKPSMTPMessage::create();
   message->setRelayHost("127.0.0.1");
   message->setRelayPorts(std::move(ports));
@@ -65,41 +46,27 @@ std::shared_ptr<SKPSMTPMessage> makeMessage(Recorder& recorder, std::vector<int>
   message->setParts({{{kSKPSMTPPartContentTypeKey, "text/plain"},
                       {kSKPSMTPPartContentTransferEncodingKey, "8bit"},
                       {kSKPSMTPPartMessageKey, "Done."}}});
-  message->setDelegate(&recorder);
+  message->setDelegate(&reports);
   message->setConnectTimeout(1.0);
   message->setTimeoutsForTesting(0.6, 0.6);
-  recorder.message = message;
   return message;
 }
 
-// Waits for the first report, then a little longer to catch a second one.
-void awaitOutcome(Recorder& recorder, double seconds = 10) {
-  EXPECT_TRUE(waitUntil([&] { return recorder.reports() > 0; }, seconds));
-  MVRunLoop::main().runFor(0.8);
-  EXPECT_EQ(recorder.reports(), 1);
-}
-
-// Sends one message through a scripted server, as user "ali" with password
-// "sesame", and waits for its one report.
-void sendThroughScript(Recorder& recorder, const std::string& greeting,
-                       const std::map<std::string, std::string>& overrides, bool requiresAuth,
-                       bool wantsSecure = false, std::string* transcript = nullptr) {
+// Sends one message as "ali" with password "sesame" through a scripted
+// server and returns what it received.
+std::string sendThroughScript(SMTPReports& reports, const std::string& greeting,
+                              const std::map<std::string, std::string>& overrides, bool requiresAuth,
+                              bool wantsSecure) {
   ScriptedSMTPServer server(greeting, replies(overrides));
-  auto message = makeMessage(recorder, {server.port()});
+  auto message = makeMessage(reports, {server.port()});
   message->setRequiresAuth(requiresAuth);
   message->setWantsSecure(wantsSecure);
   message->setLogin("ali");
   message->setPass("sesame");
-  message.reset();
-  ASSERT_TRUE(recorder.message->send());
-  awaitOutcome(recorder);
+  reports.sendAndWait(std::move(message));
+  EXPECT_EQ(reports.count(), 1);
   EXPECT_EQ(server.connections(), 1);
-  if (transcript) *transcript = server.transcript();
-}
-
-std::string regexEscape(const std::string& text) {
-  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
-  return std::regex_replace(text, special, R"(\$&)");
+  return server.transcript();
 }
 
 }  // namespace
@@ -108,8 +75,8 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
   setenv("TZ", "UTC", 1);
   setenv("LC_ALL", "C", 1);
   ScriptedSMTPServer server("220 test.example ESMTP\r\n", replies());
-  Recorder recorder;
-  auto message = makeMessage(recorder, {server.port()});
+  SMTPReports reports;
+  auto message = makeMessage(reports, {server.port()});
   message->setToEmail("a@x.example; Bea <b@y.example>,");
   message->setCcEmail("c@z.example");
   message->setBccEmail("hidden@w.example");
@@ -124,22 +91,18 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
                      {{kSKPSMTPPartContentTypeKey, "application/octet-stream"},
                       {kSKPSMTPPartContentTransferEncodingKey, "base64"},
                       {kSKPSMTPPartMessageKey, "AAEC"}}});
-  message.reset();
+  reports.message = std::move(message);
 
   // Started from a worker thread; the dialogue and the report stay on the main thread.
   std::atomic<bool> started{false}, returned{false};
-  std::shared_ptr<SKPSMTPMessage> sending = recorder.message;
-  std::thread worker([&] {
-    started = sending->send();
-    returned = true;
-  });
+  std::thread worker([&, sending = reports.message] { started = sending->send(), returned = true; });
   EXPECT_TRUE(waitUntil([&] { return returned.load(); }, 5));
   worker.join();
-  sending.reset();
   EXPECT_TRUE(started);
-  awaitOutcome(recorder);
-  EXPECT_EQ(recorder.sent, 1);
-  EXPECT_TRUE(recorder.calledOnMainThread);
+  reports.await();
+  EXPECT_EQ(reports.sent, 1);
+  EXPECT_EQ(reports.count(), 1);
+  EXPECT_TRUE(reports.onMainThread);
 
   // STARTTLS and 8BITMIME are offered but neither wanted nor used without authentication.
   const std::string expected =
@@ -174,7 +137,8 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
       "--SKPSMTPMessage--Separator--Delimiter\r\n"
       "\r\n.\r\n"
       "QUIT\r\n";
-  std::string pattern = regexEscape(expected);
+  static const std::regex special(R"([.^$|()\[\]{}*+?\\])");
+  std::string pattern = std::regex_replace(expected, special, R"(\$&)");
   pattern = std::regex_replace(pattern, std::regex("@DATE@"),
                                R"([A-Z][a-z]{2}, [0-9]{2} [A-Z][a-z]{2} [0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2} \+0000)");
   pattern = std::regex_replace(pattern, std::regex("@ID@"), "[0-9A-F]{32}");
@@ -225,23 +189,19 @@ TEST(SKPSMTPMessage, ReportsEachSharpCaseOnceWithItsCode) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Recorder recorder;
-    std::string transcript;
-    sendThroughScript(recorder, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure, &transcript);
+    SMTPReports reports;
+    const std::string transcript = sendThroughScript(reports, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure);
     if (c.expectedCode == kSKPSMTPErrorNoEncryption) {
       // The session ends politely, and neither the password nor the message went out.
       EXPECT_TRUE(transcript.ends_with("QUIT\r\n")) << transcript;
-      EXPECT_EQ(transcript.find("c2VzYW1l"), std::string::npos) << transcript;
-      EXPECT_EQ(transcript.find("AUTH"), std::string::npos) << transcript;
-      EXPECT_EQ(transcript.find("MAIL FROM"), std::string::npos) << transcript;
+      for (const char* never : {"c2VzYW1l", "AUTH", "MAIL FROM"}) EXPECT_EQ(transcript.find(never), std::string::npos) << transcript;
     }
-    if (c.expectedCode == 0) {
-      EXPECT_EQ(recorder.sent, 1);
-    } else {
-      ASSERT_EQ(recorder.failures.size(), 1u);
-      EXPECT_EQ(recorder.failures[0].domain, "SKPSMTPMessageError");
-      EXPECT_EQ(recorder.failures[0].code, c.expectedCode);
-      EXPECT_EQ(recorder.failures[0].localizedDescription, c.expectedDescription);
+    EXPECT_EQ(reports.sent, c.expectedCode == 0 ? 1 : 0);
+    if (c.expectedCode != 0) {
+      ASSERT_EQ(reports.failures.size(), 1u);
+      EXPECT_EQ(reports.failures[0].domain, "SKPSMTPMessageError");
+      EXPECT_EQ(reports.failures[0].code, c.expectedCode);
+      EXPECT_EQ(reports.failures[0].localizedDescription, c.expectedDescription);
     }
   }
 }
@@ -282,12 +242,12 @@ TEST(SKPSMTPMessage, ADroppedOrSilentServerIsReportedOnceInEveryState) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Recorder recorder;
-    sendThroughScript(recorder, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure);
-    ASSERT_EQ(recorder.failures.size(), 1u);
-    EXPECT_EQ(recorder.failures[0].domain, "SKPSMTPMessageError");
-    EXPECT_EQ(recorder.failures[0].localizedDescription, c.expected);
-    EXPECT_EQ(recorder.sent, 0);
+    SMTPReports reports;
+    sendThroughScript(reports, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure);
+    ASSERT_EQ(reports.failures.size(), 1u);
+    EXPECT_EQ(reports.failures[0].domain, "SKPSMTPMessageError");
+    EXPECT_EQ(reports.failures[0].localizedDescription, c.expected);
+    EXPECT_EQ(reports.sent, 0);
   }
 }
 
@@ -297,70 +257,42 @@ TEST(SKPSMTPMessage, ABrokenTlsHandshakeFailsOnceWithTheStreamError) {
   for (const std::string& answer : {std::string("220 go ahead\r\n|HTTP/1.0 400 nonsense\r\n\r\n#close"),
                                     std::string("220 go ahead\r\n|\x15\x03\x03\x00\x02\x02\x28", 22)}) {
     SCOPED_TRACE(answer);
-    ScriptedSMTPServer server("220 hi\r\n", replies({{"STARTTLS", answer}}));
-    Recorder recorder;
-    auto message = makeMessage(recorder, {server.port()});
-    message->setWantsSecure(true);
-    message.reset();
-    ASSERT_TRUE(recorder.message->send());
-    awaitOutcome(recorder, 15);
-    ASSERT_EQ(recorder.failures.size(), 1u);
-    EXPECT_EQ(recorder.sent, 0);
-    EXPECT_EQ(recorder.failures[0].domain, "OpenSSLErrorDomain");
-    EXPECT_NE(recorder.failures[0].localizedDescription.find("TLS failure"), std::string::npos);
-    // Nothing after the hello went out in plain text.
-    EXPECT_EQ(server.transcript().find("MAIL FROM"), std::string::npos);
+    SMTPReports reports;
+    const std::string transcript = sendThroughScript(reports, "220 hi\r\n", {{"STARTTLS", answer}}, false, true);
+    ASSERT_EQ(reports.failures.size(), 1u);
+    EXPECT_EQ(reports.failures[0].domain, "OpenSSLErrorDomain");
+    EXPECT_NE(reports.failures[0].localizedDescription.find("TLS failure"), std::string::npos);
+    EXPECT_EQ(transcript.find("MAIL FROM"), std::string::npos) << "nothing after the hello in plain text";
   }
 }
 
 TEST(SKPSMTPMessage, FallsBackToTheNextPortWhenNoGreetingComes) {
-  ScriptedSMTPServer silent("", replies());
-  ScriptedSMTPServer alsoSilent("", replies());
-  ScriptedSMTPServer good("220 hi\r\n", replies());
-
-  Recorder recorder;
-  auto message = makeMessage(recorder, {silent.port(), good.port()});
+  ScriptedSMTPServer silent("", replies()), alsoSilent("", replies()), good("220 hi\r\n", replies());
+  // The client reads ports as signed 16-bit numbers: one above never connects.
+  ScriptedSMTPServer tooHigh("220 hi\r\n", replies(), 40000);
+  ASSERT_GT(tooHigh.port(), 32767);
+  SMTPReports reports, exhausted;
+  auto message = makeMessage(reports, {tooHigh.port(), silent.port(), good.port()});
   message->setConnectTimeout(0.5);
-  message.reset();
-  ASSERT_TRUE(recorder.message->send());
-  awaitOutcome(recorder);
-  EXPECT_EQ(recorder.sent, 1);
+  reports.sendAndWait(std::move(message));
+  EXPECT_EQ(reports.sent, 1);
+  EXPECT_EQ(reports.count(), 1);
+  EXPECT_EQ(tooHigh.connections(), 0);
   EXPECT_EQ(silent.connections(), 1);
   EXPECT_EQ(good.connections(), 1);
 
   // No port left: the last silent port ends in -3.
-  Recorder exhausted;
   message = makeMessage(exhausted, {silent.port(), alsoSilent.port()});
   message->setConnectTimeout(0.5);
-  message.reset();
-  ASSERT_TRUE(exhausted.message->send());
-  awaitOutcome(exhausted);
+  exhausted.sendAndWait(std::move(message));
   ASSERT_EQ(exhausted.failures.size(), 1u);
   EXPECT_EQ(exhausted.failures[0].code, -3);
   EXPECT_EQ(exhausted.failures[0].localizedRecoverySuggestion, "Try sending your message again later.");
   EXPECT_EQ(alsoSilent.connections(), 1);
 }
 
-TEST(SKPSMTPMessage, PortsAboveSignedSixteenBitsNeverConnect) {
-  ScriptedSMTPServer server("220 hi\r\n", replies(), 40000);
-  ASSERT_GT(server.port(), 32767);
-  Recorder recorder;
-  auto message = makeMessage(recorder, {server.port()});
-  message->setConnectTimeout(0.5);
-  message.reset();
-  ASSERT_TRUE(recorder.message->send());
-  awaitOutcome(recorder);
-  ASSERT_EQ(recorder.failures.size(), 1u);
-  EXPECT_EQ(recorder.failures[0].code, -3);
-  EXPECT_EQ(server.connections(), 0);
-}
-
 TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
-  struct Case {
-    std::function<void(SKPSMTPMessage&)> spoil;
-    const char* reason;
-  };
-  const Case cases[] = {
+  const std::pair<std::function<void(SKPSMTPMessage&)>, const char*> cases[] = {
       {[](SKPSMTPMessage& m) { m.setRequiresAuth(true); }, "auth requires login"},
       {[](SKPSMTPMessage& m) { m.setRequiresAuth(true), m.setLogin("ali"); }, "auth requires pass"},
       {[](SKPSMTPMessage& m) { m.setRelayHost(""); }, "send requires relayHost"},
@@ -369,30 +301,28 @@ TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
       {[](SKPSMTPMessage& m) { m.setToEmail(""); }, "send requires toEmail"},
       {[](SKPSMTPMessage& m) { m.setParts({}); }, "send requires parts"},
   };
-  for (const Case& c : cases) {
-    Recorder recorder;
-    auto message = makeMessage(recorder, {25});
-    c.spoil(*message);
+  for (const auto& [spoil, reason] : cases) {
+    SMTPReports reports;
+    auto message = makeMessage(reports, {25});
+    spoil(*message);
     try {
       message->send();
-      ADD_FAILURE() << "no assertion for " << c.reason;
+      ADD_FAILURE() << "no assertion for " << reason;
     } catch (const SKPSMTPAssertion& assertion) {
-      EXPECT_STREQ(assertion.what(), c.reason);
+      EXPECT_STREQ(assertion.what(), reason);
     }
     EXPECT_EQ(message->sendState(), kSKPSMTPIdle);
   }
 
   ScriptedSMTPServer silent("", replies());
-  Recorder recorder;
-  auto message = makeMessage(recorder, {silent.port()});
+  SMTPReports reports, noPorts;
+  auto message = makeMessage(reports, {silent.port()});
   ASSERT_TRUE(message->send());
   EXPECT_THROW(message->send(), SKPSMTPAssertion);
-  message.reset();
-  recorder.message.reset();  // dropping the message ends the session silently
+  message.reset();  // dropping the message ends the session silently
   MVRunLoop::main().runFor(1.5);
-  EXPECT_EQ(recorder.reports(), 0);
+  EXPECT_EQ(reports.count(), 0);
 
-  Recorder noPorts;
   message = makeMessage(noPorts, {});
   EXPECT_FALSE(message->send());
   ASSERT_EQ(noPorts.failures.size(), 1u);
@@ -400,45 +330,26 @@ TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
 }
 
 TEST(SKPSMTPMessage, CopiesCarryTheMessageButNotPortsTimeoutOrState) {
-  Recorder recorder;
-  auto message = makeMessage(recorder, {2525});
-  message->setLogin("ali");
-  message->setPass("sesame");
+  SMTPReports reports;
+  auto message = makeMessage(reports, {2525});
   message->setRequiresAuth(true);
   message->setWantsSecure(true);
   message->setValidateSSLChain(false);
-  message->setCcEmail("cc@x.example");
   message->setBccEmail("bcc@x.example");
   auto copy = message->copy();
-  EXPECT_EQ(copy->delegate(), &recorder);
-  EXPECT_EQ(copy->login(), "ali");
-  EXPECT_EQ(copy->pass(), "sesame");
-  EXPECT_EQ(copy->relayHost(), "127.0.0.1");
-  EXPECT_TRUE(copy->requiresAuth());
-  EXPECT_TRUE(copy->wantsSecure());
-  EXPECT_FALSE(copy->validateSSLChain());
-  EXPECT_EQ(copy->subject(), message->subject());
-  EXPECT_EQ(copy->fromEmail(), message->fromEmail());
-  EXPECT_EQ(copy->toEmail(), message->toEmail());
-  EXPECT_EQ(copy->ccEmail(), "cc@x.example");
+  EXPECT_EQ(copy->delegate(), &reports);
+  EXPECT_EQ(copy->subject(), "clip.mov Finished");
+  EXPECT_TRUE(copy->requiresAuth() && copy->wantsSecure() && !copy->validateSSLChain());
   EXPECT_EQ(copy->bccEmail(), "bcc@x.example");
   EXPECT_EQ(copy->parts(), message->parts());
   EXPECT_EQ(copy->relayPorts(), (std::vector<int>{25, 465, 587}));
   EXPECT_EQ(copy->connectTimeout(), 8.0);
-  EXPECT_EQ(copy->sendState(), kSKPSMTPIdle);
 }
 
-TEST(SKPSMTPMessage, FormatsRecipientLists) {
+TEST(SKPSMTPMessage, TrimsEachRecipient) {
   auto message = SKPSMTPMessage::create();
-  const std::pair<std::string, std::string> cases[] = {
-      {"", ""},
-      {"a@x.example", "RCPT TO:<a@x.example>\r\n"},
-      {" \ta@x.example\t ", "RCPT TO:<a@x.example>\r\n"},
-      {"  Ann <a@x.example> ", "RCPT TO:Ann <a@x.example>\r\n"},
-      {"a@x.example;b@y.example,", "RCPT TO:<a@x.example>\r\nRCPT TO:<b@y.example>\r\nRCPT TO:<>\r\n"},
-      {"a@x.example, <b@y.example>", "RCPT TO:<a@x.example>\r\nRCPT TO:<b@y.example>\r\n"},
-  };
-  for (const auto& [list, lines] : cases) EXPECT_EQ(message->formatAddresses(list), lines) << list;
+  EXPECT_EQ(message->formatAddresses(" \ta@x.example\t ,  Ann <b@y.example> , <c@z.example>"),
+            "RCPT TO:<a@x.example>\r\nRCPT TO:Ann <b@y.example>\r\nRCPT TO:<c@z.example>\r\n");
 }
 
 TEST(SKPSMTPStreams, SocketPairCarriesALargeWriteWhileTheReaderDrains) {
@@ -447,13 +358,10 @@ TEST(SKPSMTPStreams, SocketPairCarriesALargeWriteWhileTheReaderDrains) {
   std::string received;
   bool ended = false;
   reader->setDelegate([&](SKPSMTPStream& stream, SKPSMTPStreamEvent event) {
-    if (event == SKPSMTPStreamEvent::HasBytesAvailable) {
-      std::uint8_t buffer[65536];
-      long n = stream.read(buffer, sizeof buffer);
-      if (n > 0) received.append(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(n));
-    } else if (event == SKPSMTPStreamEvent::EndEncountered) {
-      ended = true;
-    }
+    std::uint8_t buffer[65536];
+    long n = event == SKPSMTPStreamEvent::HasBytesAvailable ? stream.read(buffer, sizeof buffer) : 0;
+    if (n > 0) received.append(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(n));
+    ended |= event == SKPSMTPStreamEvent::EndEncountered;
   });
   reader->open();
   writer->open();

@@ -112,14 +112,16 @@ struct SMTPReports : SKPSMTPMessageDelegate {
     message.reset();
   }
   int count() const { return sent + static_cast<int>(failures.size()); }
-  // Sends `m`, keeping it only here, and waits for the first report and a
-  // little longer for a second one that must not come.
+  // Waits for the first report, and a little longer for a second one that must not come.
+  void await(double seconds = 15) {
+    waitUntil([&] { return count() > 0; }, seconds);
+    MVRunLoop::main().runFor(0.8);
+  }
+  // Sends `m`, keeping it only here, and awaits its report.
   void sendAndWait(std::shared_ptr<SKPSMTPMessage> m, double seconds = 15) {
     m->setDelegate(this);
     message = std::move(m);
-    if (!message->send()) return;
-    waitUntil([&] { return count() > 0; }, seconds);
-    MVRunLoop::main().runFor(0.8);
+    if (message->send()) await(seconds);
   }
 };
 
