@@ -23,17 +23,6 @@ using namespace quillon_test;
 
 namespace {
 
-std::size_t countIn(const std::string& text, const std::string& part) {
-  std::size_t n = 0;
-  for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++n;
-  return n;
-}
-
-std::string logSoFar() {
-  MVLog::finishWriting();
-  return fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : std::string();
-}
-
 const char* kScript = R"({
   "/_matrix/client/v3/directory/room/": [{"status": 200, "body": {"room_id": "!r1:127.0.0.1", "servers": []}}],
   "/retry500": [{"status": 500}, {"status": 200}],
@@ -47,38 +36,29 @@ class Push : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     MVLog::createNewLog("test_Push", true);
-    if (unshare(CLONE_NEWNET) != 0 || shell("ip link set lo up") != 0) {
-      setupError_ = std::string("no private network namespace: ") + std::strerror(errno);
-      return;
-    }
+    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
+    ASSERT_EQ(shell("ip link set lo up"), 0);
     certDir_ = makeTempDir("cert");
-    untrustedDir_ = makeTempDir("untrusted-cert");
-    if (!makeCertificate(certDir_) || !makeCertificate(untrustedDir_)) {
-      setupError_ = "openssl could not make the certificates";
-      return;
-    }
+    ASSERT_TRUE(makeCertificate(certDir_));
     setenv("SSL_CERT_FILE", (certDir_ + "/cert.pem").c_str(), 1);
     for (const char* proxy : {"CURL_CA_BUNDLE", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) unsetenv(proxy);
     quillon::installCurlHTTP();
     server_ = std::make_unique<PushServer>(certDir_, kScript);
-    if (!server_->isReady()) {
-      setupError_ = "the push server did not start:\n" + server_->log();
-      return;
-    }
+    ASSERT_TRUE(server_->isReady()) << server_->log();
     for (const char* api : {"QUILLON_PUSHOVER_API", "QUILLON_TELEGRAM_API", "QUILLON_DISCORD_API", "QUILLON_SLACK_API"})
       setenv(api, server_->base().c_str(), 1);
   }
   static void TearDownTestSuite() { server_.reset(); }
 
   void SetUp() override {
-    ASSERT_TRUE(setupError_.empty()) << setupError_;
+    ASSERT_TRUE(server_ && server_->isReady());
     PushTargets::setTimeoutForTesting(0);
   }
 
   static std::string at(const std::string& rest) { return "127.0.0.1:" + std::to_string(server_->port()) + rest; }
 
   static inline std::unique_ptr<PushServer> server_;
-  static inline std::string setupError_, certDir_, untrustedDir_;
+  static inline std::string certDir_;
 };
 
 TEST(PushTargetURLs, ParseAndMask) {
@@ -171,7 +151,7 @@ TEST_F(Push, EachServiceGetsTheRequestItDocumentsWithTheEmailTexts) {
   std::vector<std::string> urls;
   for (const auto& row : rows)
     if (!row.url.empty()) urls.push_back(row.url);
-  const std::size_t logStart = logSoFar().size();
+  LogSince log;
 
   for (const auto& result : PushTargets::send(urls, m)) EXPECT_TRUE(result.sent) << result.target << ": " << result.detail;
 
@@ -190,14 +170,13 @@ TEST_F(Push, EachServiceGetsTheRequestItDocumentsWithTheEmailTexts) {
   }
 
   // One line per target, each naming the target only by its masked form.
-  const std::string log = logSoFar().substr(logStart);
-  EXPECT_EQ(countIn(log, "Push to "), urls.size()) << log;
+  EXPECT_EQ(log.count("Push to "), urls.size()) << log.text();
   for (const char* shown : {"ntfys://127.0.0.1:", "pover://**** sent", "discord://**** sent", "slack://**** sent",
                             "tgram://**** sent", "matrix://127.0.0.1:"})
-    EXPECT_NE(log.find(shown), std::string::npos) << shown << "\n" << log;
+    EXPECT_GE(log.count(shown), 1u) << shown << "\n" << log.text();
   for (const char* secret : {"pa55", "renders", "tk_token1", "ukey123", "apptoken456", "AgToken", "ABC-def",
                              "wh-token", "XXXX", "mxtoken", "edits", "hpw", "hooks/render"})
-    EXPECT_EQ(log.find(secret), std::string::npos) << secret << " in the log:\n" << log;
+    EXPECT_EQ(log.count(secret), 0u) << secret << " in the log:\n" << log.text();
 }
 
 TEST_F(Push, RetriesOnceOnServerTroubleWithinTheTimeOut) {
@@ -231,10 +210,12 @@ TEST_F(Push, RetriesOnceOnServerTroubleWithinTheTimeOut) {
 }
 
 TEST_F(Push, SilentServerTimesOutAndUntrustedCertificateIsRefusedWhileOthersAreServed) {
-  PushServer untrusted(untrustedDir_);
+  const std::string untrustedDir = makeTempDir("untrusted-cert");
+  ASSERT_TRUE(makeCertificate(untrustedDir));
+  PushServer untrusted(untrustedDir);
   ASSERT_TRUE(untrusted.isReady()) << untrusted.log();
   PushTargets::setTimeoutForTesting(3);
-  const std::size_t logStart = logSoFar().size();
+  LogSince log;
   auto results = PushTargets::send({"jsons://" + at("/hang"), "jsons://" + at("/quick"),
                                     "jsons://127.0.0.1:" + std::to_string(untrusted.port()) + "/quick"},
                                    PushTargets::sampleMessage());
@@ -246,7 +227,7 @@ TEST_F(Push, SilentServerTimesOutAndUntrustedCertificateIsRefusedWhileOthersAreS
   EXPECT_EQ(results[2].attempts, 1);
   EXPECT_NE(results[2].detail.find("certificate refused"), std::string::npos) << results[2].detail;
   EXPECT_TRUE(untrusted.requests().empty());
-  EXPECT_EQ(countIn(logSoFar().substr(logStart), "Push to "), 3u);
+  EXPECT_EQ(log.count("Push to "), 3u);
 }
 
 TEST_F(Push, AddedTargetsKeepTheirSecretsInTheSecretStore) {
