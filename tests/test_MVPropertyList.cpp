@@ -106,6 +106,7 @@ TEST(MVPropertyList, FilesAreSharedWithAnotherProgramInBothFormats) {
     EXPECT_EQ(0, python3(std::string(kPythonDocument) + "data = open('" + ours + "', 'rb').read()\n"
                          "assert plistlib.loads(data) == doc, plistlib.loads(data)\n"
                          "assert (data[:6] == b'bplist') == (plistlib." + pyFormat + " == plistlib.FMT_BINARY)\n"));
+    EXPECT_EQ(expectedDocument(), MVPropertyList::read(ours)) << "switches must stay booleans";
   }
 }
 
