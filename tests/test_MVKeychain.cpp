@@ -10,34 +10,16 @@
 #include "KeychainSecretService.h"
 #include "MVKeychain.h"
 #include "PrivateSessionBus.h"
-#include "TestSupport.h"
+#include "SecretTool.h"
 
 namespace {
 
-using quillon_test::shell;
-using quillon_test::shellOutput;
-
-std::string quoted(const std::string& text) {
-  std::string out = "'";
-  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
-}
-
-// secret-tool store with the password on standard input.
-int secretToolStore(const std::string& label, const std::string& attributes, const std::string& password) {
-  std::string file = quillon_test::makeTempDir("secret") + "/password";
-  quillon_test::writeFile(file, password);
-  return shell("secret-tool store --label=" + quoted(label) + " " + attributes + " < " + file);
-}
-
-std::string secretToolLookup(const std::string& attributes) {
-  return shellOutput("secret-tool lookup " + attributes + " 2>/dev/null");
-}
+using namespace quillon_test;
 
 class MVKeychainTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
-    bus_ = new quillon_test::PrivateSessionBus;
+    bus_ = new PrivateSessionBus;
     ASSERT_TRUE(bus_->startKeyring()) << "gnome-keyring-daemon did not come up " << bus_->error();
     MVKeychain::setBackend(quillon::createSecretServiceKeychain());
   }
@@ -45,7 +27,7 @@ class MVKeychainTest : public ::testing::Test {
     MVKeychain::setBackend(nullptr);
     delete bus_;
   }
-  static inline quillon_test::PrivateSessionBus* bus_ = nullptr;
+  static inline PrivateSessionBus* bus_ = nullptr;
 };
 
 TEST(MVKeychainWithoutBusTest, SaysSoAndFindsNothing) {
@@ -65,7 +47,7 @@ TEST_F(MVKeychainTest, ReadsTheAgentPasswordThatSecretToolStored) {
   const std::string address = "editor@example.com";
   const std::string name = MVKeychain::agentItemName(address);
   EXPECT_EQ(name, "Quillon - editor@example.com");
-  ASSERT_EQ(secretToolStore(name, "acct " + address + " desc 'Email password' labl " + quoted(name), "s3cret pässwörd"), 0);
+  ASSERT_TRUE(secretToolStore(name, "acct " + address + " desc 'Email password' labl " + shellQuoted(name), "s3cret pässwörd"));
 
   // secret-tool stores all the bytes, and they all read back.
   EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem(name, std::string(MVKeychain::kEmailPasswordKind), address, ""),
@@ -91,7 +73,7 @@ TEST_F(MVKeychainTest, ReadsTheAgentPasswordThatSecretToolStored) {
     fromWorker = MVKeychain::getPasswordFromKeychainItem(name, "Email password", address, "");
     done = true;
   });
-  EXPECT_TRUE(quillon_test::waitUntil([&] { return done.load(); }, 20));
+  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 20));
   worker.join();
   EXPECT_EQ(fromWorker, "s3cret pässwörd");
 }
@@ -153,7 +135,7 @@ TEST_F(MVKeychainTest, StoresCharacterCountOfBytesAndReadsAtMost1023) {
 
   std::string longPassword;
   for (int i = 0; i < 2000; ++i) longPassword += static_cast<char>('a' + i % 26);
-  ASSERT_EQ(secretToolStore("Long", "acct long desc Rule labl Long", longPassword), 0);
+  ASSERT_TRUE(secretToolStore("Long", "acct long desc Rule labl Long", longPassword));
   EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Long", "Rule", "long", ""), longPassword.substr(0, 1023));
 }
 
@@ -167,8 +149,8 @@ TEST_F(MVKeychainTest, TrustedApplicationsAndCertificatesAnswerEmptyAndSaySoOnce
     EXPECT_TRUE(MVKeychain::certificateNames().value_or(std::vector<std::string>{"x"}).empty());
   }
   std::string console = ::testing::internal::GetCapturedStderr();
-  EXPECT_EQ(quillon_test::timesIn(console, "no per-item lists of trusted applications"), 1u) << console;
-  EXPECT_EQ(quillon_test::timesIn(console, "keeps no certificates"), 1u) << console;
+  EXPECT_EQ(timesIn(console, "no per-item lists of trusted applications"), 1u) << console;
+  EXPECT_EQ(timesIn(console, "keeps no certificates"), 1u) << console;
   EXPECT_EQ(MVKeychain::getPasswordFromSecKeychainItemRef(item.get()), "pw");
 }
 
