@@ -1,30 +1,26 @@
 // The built agent as a user runs it: its own process in a temporary home,
 // a private session bus with a mocked notification server, settings written
-// as the preferences application writes them, movies copied into real
-// folders. The agent runs as root inside its own mount namespace (see
-// tests/support/run-agent.sh), so its log lands in a folder of the test.
+// as the preferences application writes them, movies copied into real folders.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 
 #include "AgentProcess.h"
-#include "MVRunLoop.h"
-#include "PrivateSessionBus.h"
-#include "TestSupport.h"
+#include "MVPropertyList.h"
 
 namespace fs = std::filesystem;
 using namespace quillon_test;
 
 namespace {
 
-const std::string kE2E = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
-
 void writeSettings(const std::string& home, const std::string& json) { ASSERT_TRUE(writeAgentSettings(home, json)); }
 
-std::string readSettings(const std::string& home) {
-  std::string json = shellOutput("/usr/bin/python3 " + kE2E + "/read-settings.py '" + agentSettingsPath(home) + "'");
-  return json.substr(0, json.find_last_not_of('\n') + 1);
+void announceConfigUpdate() {
+  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
+                  "dict:string:string:"),
+            0);
 }
 
 class AgentEndToEnd : public ::testing::Test {
@@ -70,10 +66,7 @@ TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnEitherReload) {
   // The preferences application rewrites the settings and posts the update
   // on the bus: A is dropped, C is added.
   writeSettings(home, R"({"watchFolders": [")" + b + R"(", ")" + c + R"("], "notifyGrowl": 1, "notifySound": 1})");
-  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
-                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
-                  "dict:string:string:"),
-            0);
+  announceConfigUpdate();
   ASSERT_TRUE(agent.waitForLog("Setting up...", 2, 20)) << agent.log();
   ASSERT_TRUE(agent.waitUntilWatching(c, 20)) << "the added folder is not watched\n" << agent.log();
   writeMovie(a + "/a2.mov");
@@ -116,8 +109,11 @@ TEST_F(AgentEndToEnd, FirstRunWithDefaultSettingsWatchesTheRendersFolder) {
     Agent agent(home, {"--default-settings"});
     ASSERT_TRUE(agent.started());
     ASSERT_TRUE(waitUntil([&] { return fs::exists(agentSettingsPath(home)); }, 20)) << agent.log();
-    EXPECT_EQ(readSettings(home),
-              R"({"notifyGrowl": 1, "notifySound": 1, "watchFolders": [")" + renders + R"("]})");
+    MVPlistValue written = MVPropertyList::read(agentSettingsPath(home));
+    EXPECT_EQ(written.count(), 3u);
+    EXPECT_EQ(written["notifyGrowl"], MVPlistValue(1));
+    EXPECT_EQ(written["notifySound"], MVPlistValue(1));
+    EXPECT_EQ(written["watchFolders"], MVPlistValue(MVPlistValue::Array{MVPlistValue(renders)}));
     EXPECT_TRUE(fs::is_directory(renders));
 
     ASSERT_TRUE(agent.waitUntilWatching(renders, 20)) << agent.log();
@@ -134,12 +130,11 @@ TEST_F(AgentEndToEnd, FirstRunWithDefaultSettingsWatchesTheRendersFolder) {
   }
 
   // A later run never replaces settings the user has made.
-  const std::string own = R"({"notifyGrowl": 0, "notifySound": 1, "watchFolders": [")" + renders + R"("]})";
-  writeSettings(home, own);
+  writeSettings(home, R"({"notifyGrowl": 0, "notifySound": 1, "watchFolders": [")" + renders + R"("]})");
+  const std::string own = readFile(agentSettingsPath(home));
   Agent again(home, {"--default-settings"});
-  ASSERT_TRUE(again.started());
   ASSERT_TRUE(again.waitForLog("Watch folders:", 1, 20)) << again.log();
-  EXPECT_EQ(readSettings(home), own);
+  EXPECT_EQ(readFile(agentSettingsPath(home)), own);
   int status = again.stop(SIGINT);
   ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
   EXPECT_EQ(WEXITSTATUS(status), 0);

@@ -4,6 +4,7 @@
 // never changes what the user owns.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 
@@ -14,22 +15,22 @@
 namespace fs = std::filesystem;
 using namespace quillon_test;
 
-namespace {
-
-void writeWatchSettings(const std::string& home, const std::string& folder, bool notify = false) {
-  ASSERT_TRUE(writeAgentSettings(home, "{\"watchFolders\": [\"" + folder + "\"], \"notifySound\": 0" +
-                                           (notify ? ", \"notifyGrowl\": 1}" : "}")));
-}
-
-}  // namespace
-
-TEST(AgentFaults, GarbageSettingsAndAVanishedFolderAreSurvivedAndLeftAlone) {
-  PrivateSessionBus bus;
-  ASSERT_TRUE(bus.isRunning()) << bus.error();
+// A home whose settings watch its Renders folder.
+class AgentFaults : public ::testing::Test {
+ protected:
+  void watch(bool notify) {
+    fs::create_directories(folder);
+    ASSERT_TRUE(writeAgentSettings(home, "{\"watchFolders\": [\"" + folder + "\"], \"notifySound\": 0" +
+                                             (notify ? ", \"notifyGrowl\": 1}" : "}")));
+  }
   std::string home = makeTempDir("faults-home");
   std::string folder = home + "/Renders";
-  fs::create_directories(folder);
-  writeWatchSettings(home, folder);
+};
+
+TEST_F(AgentFaults, GarbageSettingsAndAVanishedFolderAreSurvivedAndLeftAlone) {
+  PrivateSessionBus bus;
+  ASSERT_TRUE(bus.isRunning()) << bus.error();
+  watch(false);
 
   Agent agent(home);
   ASSERT_TRUE(agent.waitForLog("Setting up...", 1, 20)) << agent.output();
@@ -44,7 +45,7 @@ TEST(AgentFaults, GarbageSettingsAndAVanishedFolderAreSurvivedAndLeftAlone) {
 
   // Settings replaced by garbage while running: the reload reads nothing,
   // starts no watcher, and leaves the file exactly as it is.
-  std::string settings = home + "/.config/com.morvane.Quillon.plist";
+  std::string settings = agentSettingsPath(home);
   std::string garbage = "bplist00\x01\x02 not really a property list \xff\xfe";
   writeFile(settings, garbage);
   agent.signal(SIGHUP);
@@ -58,11 +59,8 @@ TEST(AgentFaults, GarbageSettingsAndAVanishedFolderAreSurvivedAndLeftAlone) {
   EXPECT_EQ(agent.stop(SIGTERM), 0);
 }
 
-TEST(AgentFaults, TheSessionBusGoingAwayLeavesTheAgentRunning) {
-  std::string home = makeTempDir("faults-bus-home");
-  std::string folder = home + "/Renders";
-  fs::create_directories(folder);
-  writeWatchSettings(home, folder);
+TEST_F(AgentFaults, TheSessionBusGoingAwayLeavesTheAgentRunning) {
+  watch(false);
 
   std::unique_ptr<Agent> agent;
   {
@@ -83,7 +81,7 @@ TEST(AgentFaults, TheSessionBusGoingAwayLeavesTheAgentRunning) {
   EXPECT_EQ(agent->stop(SIGTERM), 0);
 }
 
-TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
+TEST_F(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
   const struct {
     const char* fault;
     const char* complaint;
@@ -95,24 +93,23 @@ TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
     SCOPED_TRACE(c.fault);
     NotifyingBus bus;
     ASSERT_TRUE(bus.ready()) << bus.bus.error();
-    std::string home = makeTempDir("faults-log-home");
-    std::string folder = home + "/Renders";
-    fs::create_directories(folder);
-    writeWatchSettings(home, folder, true);
+    home = makeTempDir("faults-log-home");
+    folder = home + "/Renders";
+    watch(true);
 
     EnvOverride fault("QUILLON_TEST_LOG_FAULT", c.fault);
     Agent agent(home);
-    // Without a log there is no sign of the watch being ready: write a
-    // render, give it the time an announcement takes, and write another if
-    // the first came before the watch.
+    // Without a log there is no sign of the watch being ready: a new render
+    // every few seconds until one is announced.
     int written = 0;
-    bool announced = false;
-    while (!announced && written < 4 && agent.running()) {
-      std::string name = "take" + std::to_string(++written) + ".mov";
-      writeMovie(folder + "/" + name);
-      announced = waitUntil([&] { return bus.notified("File: " + name) > 0; }, 15);
-    }
-    EXPECT_TRUE(announced) << agent.output();
+    auto lastWrite = std::chrono::steady_clock::now() - std::chrono::hours(1);
+    EXPECT_TRUE(waitUntil([&] {
+      if (std::chrono::steady_clock::now() - lastWrite > std::chrono::seconds(4) && written < 12) {
+        writeMovie(folder + "/take" + std::to_string(++written) + ".mov");
+        lastWrite = std::chrono::steady_clock::now();
+      }
+      return bus.notified("\"File: take") > 0 || !agent.running();
+    }, 60) && bus.notified("\"File: take") > 0) << agent.output();
     EXPECT_TRUE(agent.running()) << agent.output();
     EXPECT_NE(agent.output().find(c.complaint), std::string::npos) << agent.output();
     for (int i = 1; i <= written; ++i)
@@ -121,13 +118,10 @@ TEST(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
   }
 }
 
-TEST(AgentFaults, AWatchedFolderRenamedOrUnreadableIsLoggedAndLeftAlone) {
+TEST_F(AgentFaults, AWatchedFolderRenamedOrUnreadableIsLoggedAndLeftAlone) {
   NotifyingBus bus;
   ASSERT_TRUE(bus.ready()) << bus.bus.error();
-  std::string home = makeTempDir("faults-perm-home");
-  std::string folder = home + "/Renders";
-  fs::create_directories(folder);
-  writeWatchSettings(home, folder, true);
+  watch(true);
 
   // As root the agent could read any folder; without that right it meets
   // file modes as a user's agent does.

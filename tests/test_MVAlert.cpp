@@ -4,13 +4,10 @@
 // when there is no display.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
 #include <thread>
 
 #include "MVAlert.h"
-#include "MVLocalPaths.h"
-#include "MVPropertyList.h"
 #include "MVRunLoop.h"
 #include "PowerAlertServices.h"
 #include "PowerTestSupport.h"
@@ -41,8 +38,8 @@ class ScriptedAlerts : public MVAlert::Backend {
     shown.push_back(std::make_shared<Shown>());
     return shown.back();
   }
-  bool hasAttachedSheet(MVWindowRef window) override { return window == windowWithSheet; }
-  void makeKeyAndOrderFront(MVWindowRef window) override { fronted.push_back(window); }
+  bool hasAttachedSheet(MVWindowRef) override { return false; }
+  void makeKeyAndOrderFront(MVWindowRef) override {}
 
   // Answers the latest alert as its user would: the sheet goes, then the end is told.
   void answer(Code code) {
@@ -54,23 +51,13 @@ class ScriptedAlerts : public MVAlert::Backend {
   std::vector<MVAlert::Request> requests;
   std::vector<std::function<void(Code)>> ends;
   std::vector<std::shared_ptr<Shown>> shown;
-  MVWindowRef windowWithSheet = nullptr;
-  std::vector<MVWindowRef> fronted;
   bool refuse = false;
 };
 
-// Runs a blocking `call` on a worker and `whileWaiting` on the main thread,
-// then turns the main loop until the call returns.
+// Runs a blocking `call` on a worker and `whileWaiting` on the main thread.
 Code runOnWorker(const std::function<Code()>& call, const std::function<void()>& whileWaiting) {
-  std::atomic<bool> done{false};
   Code code = 99;
-  std::thread worker([&] {
-    code = call();
-    done = true;
-  });
-  whileWaiting();
-  EXPECT_TRUE(waitUntil([&] { return done.load(); }, 90));
-  worker.join();
+  power_test::runOnWorker([&] { code = call(); }, whileWaiting);
   return code;
 }
 
@@ -105,40 +92,6 @@ TEST_F(MVAlertLogic, BlockingAlertsReturnTheChosenButtonFromAnyThread) {
       });
   EXPECT_EQ(code, -1);
   EXPECT_EQ(alerts_->requests[1].otherButton, "Later");
-
-  // Not blocking: -1 at once, the end reaches the callback on the main thread.
-  std::vector<Code> ends;
-  bool onMain = false;
-  auto end = [&](MVAlert&, Code c, void*) {
-    onMain = MVRunLoop::main().isMainThread();
-    ends.push_back(c);
-  };
-  EXPECT_EQ(MVAlert::alertSheetWithMessageText("Done", "OK", std::nullopt, std::nullopt, "", nullptr, nullptr, end,
-                                               false),
-            -1);
-  EXPECT_TRUE(ends.empty());
-  alerts_->answer(MVAlert::kDefaultReturn);
-  EXPECT_EQ(ends, std::vector<Code>{1});
-  EXPECT_TRUE(onMain);
-}
-
-TEST_F(MVAlertLogic, DelegateWithoutCallbackIsRefusedUnlessItIsAnAlert) {
-  struct Window : MVAlertDelegate {} foreign;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "OK", std::nullopt, std::nullopt, "", nullptr, &foreign, {}, true),
-            -1);
-  EXPECT_EQ(testing::internal::GetCapturedStderr(),
-            "Alert error: delegate does not respond to selector alertDidEnd:returnCode:contextInfo:\n");
-  EXPECT_TRUE(alerts_->requests.empty());
-
-  // Another alert does answer to the default end.
-  auto listener = std::make_shared<MVAlert>();
-  EXPECT_EQ(MVAlert::alertSheetWithMessageText("m", "OK", "Cancel", std::nullopt, "", nullptr, listener.get(), {},
-                                               false),
-            -1);
-  alerts_->answer(MVAlert::kAlternateReturn);
-  EXPECT_TRUE(listener->alertEnded());
-  EXPECT_EQ(listener->returnCode(), 0);
 }
 
 TEST_F(MVAlertLogic, CountdownEndsTheAlertWithTheDefaultCode) {
@@ -160,40 +113,6 @@ TEST_F(MVAlertLogic, CountdownEndsTheAlertWithTheDefaultCode) {
   EXPECT_EQ(MVAlert::timedAlertSheetWithMessageText("Sleep?", "Sleep", "Cancel", std::nullopt, "", nullptr, 30), -1);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Alert error: the alert could not be shown"),
             std::string::npos);
-}
-
-TEST_F(MVAlertLogic, WindowWithASheetGetsAFreeStandingAlert) {
-  int busyWindow = 0, freeWindow = 0;
-  alerts_->windowWithSheet = &busyWindow;
-  auto alert = std::make_shared<MVAlert>();
-  MVAlert::alertSheetWithMessageText("a", "OK", std::nullopt, std::nullopt, "", &busyWindow, nullptr, {}, false,
-                                     alert);
-  EXPECT_EQ(alerts_->requests.back().parentWindow, nullptr);
-  EXPECT_EQ(alert->parentWindow(), nullptr);
-  EXPECT_TRUE(alerts_->fronted.empty());
-
-  MVAlert::alertSheetWithMessageText("b", "OK", std::nullopt, std::nullopt, "", &freeWindow, nullptr, {}, false,
-                                     alert);
-  EXPECT_EQ(alerts_->requests.back().parentWindow, &freeWindow);
-  EXPECT_EQ(alerts_->fronted, std::vector<MVWindowRef>{&freeWindow});
-}
-
-TEST(MVAlertSuppression, KeyPathIsStoredInTheSettingsFileBesideOtherKeys) {
-  const std::string path = MVAppendPathComponent(MVLocalPaths::prefsDirectory(true), "com.morvane.Quillon.plist");
-  MVPlistValue settings;
-  settings.set("logoutAction", 2);
-  ASSERT_TRUE(MVPropertyList::write(path, settings));
-
-  EXPECT_FALSE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
-  MVAlert::setSuppressionValue(true, "alerts.skipPowerWarning");
-  MVAlert::setSuppressionValue(true, "plain");
-  EXPECT_TRUE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
-  MVPlistValue stored = MVPropertyList::read(path);
-  EXPECT_EQ(stored["alerts"]["skipPowerWarning"], MVPlistValue(true));
-  EXPECT_EQ(stored["plain"], MVPlistValue(true));
-  EXPECT_EQ(stored["logoutAction"], MVPlistValue(2));
-  MVAlert::setSuppressionValue(false, "alerts.skipPowerWarning");
-  EXPECT_FALSE(MVAlert::suppressionValueForKeyPath("alerts.skipPowerWarning"));
 }
 
 class LinuxAlerts : public ::testing::Test {
@@ -266,7 +185,7 @@ TEST_F(LinuxAlerts, DialogShowsTextsLiterallyAndEachButtonGivesItsCode) {
   }
 }
 
-TEST_F(LinuxAlerts, DialogCountdownAndSuppressionBox) {
+TEST_F(LinuxAlerts, DialogCountsDownToTheDefault) {
   ASSERT_TRUE(display().running()) << "Xvfb did not start";
   EnvOverride x11("DISPLAY", display().display());
 
@@ -284,24 +203,6 @@ TEST_F(LinuxAlerts, DialogCountdownAndSuppressionBox) {
       });
   EXPECT_EQ(code, 1);
   EXPECT_TRUE(quillon::shownGtkAlertsForTesting().empty());
-
-  // The check box writes through to the settings at once, and starts from them.
-  MVAlert::setSuppressionValue(false, "alerts.quiet");
-  code = runOnWorker(
-      [] {
-        return MVAlert::alertSheetWithMessageText("m", "OK", std::nullopt, std::nullopt, "i", nullptr, nullptr, {},
-                                                  true, nullptr, std::string("alerts.quiet"));
-      },
-      [] {
-        auto shown = waitForDialog();
-        ASSERT_EQ(shown.size(), 1u);
-        EXPECT_EQ(shown[0].suppressionLabel, "Do not show this message again");
-        EXPECT_FALSE(shown[0].suppressionChecked);
-        display().click(shown[0].suppressionCentre);
-        EXPECT_TRUE(waitUntil([] { return MVAlert::suppressionValueForKeyPath("alerts.quiet"); }, 10));
-        display().typeInto("Quillon", "Return");
-      });
-  EXPECT_EQ(code, 1);
 }
 
 TEST_F(LinuxAlerts, WithoutADisplayTheAlertIsANotificationWithButtonActions) {

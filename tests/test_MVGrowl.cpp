@@ -82,34 +82,6 @@ TEST_F(MVGrowlTest, EveryFormIsClickableUnlessItsContextIsNilAndTheSwitchIsReadE
   EXPECT_EQ(center_->take().size(), 1u);
 }
 
-TEST_F(MVGrowlTest, ClickIsPassedOnInProcessOnTheMainThread) {
-  std::vector<MVPlistValue> clicks;
-  bool onMain = true;
-  MVObserverToken token = MVNotificationCenter::defaultCenter().addObserver(
-      "MVGrowlAlertClicked", [&](const std::string&, const MVPlistValue& object, const MVPlistValue& userInfo) {
-        EXPECT_TRUE(object.isNil());
-        onMain = onMain && MVRunLoop::main().isMainThread();
-        clicks.push_back(userInfo);
-      });
-
-  MVGrowl::postGrowlNotification("Render Complete", "x", "", "", MVPlistValue("ctx"));
-  auto shown = center_->take();
-  ASSERT_EQ(shown.size(), 1u);
-
-  // A click reported off the main thread reaches observers on it, and the
-  // reporter waits until they have run.
-  std::atomic<bool> returned{false};
-  std::thread worker([&] {
-    MVUserNotificationCenter::defaultUserNotificationCenter().notificationActivated(shown[0]);
-    returned = true;
-  });
-  EXPECT_TRUE(waitUntil([&] { return returned.load(); }, 5));
-  worker.join();
-  ASSERT_EQ(clicks.size(), 1u);
-  EXPECT_EQ(clicks[0]["clickContext"], MVPlistValue("ctx"));
-  EXPECT_TRUE(onMain);
-}
-
 TEST(MVNotificationCenter, TokensControlDeliveryAndMayDieInsideTheirHandler) {
   MVNotificationCenter center;
   std::vector<std::string> got;

@@ -169,7 +169,8 @@ class OutcomeDispatch : public ::testing::Test {
   std::shared_ptr<MVWorkspace::Backend> previousWorkspace_;
 };
 
-TEST_F(OutcomeDispatch, SuccessRunsTheChosenActionsInOrderForEachKindOfRender) {
+// A failure tells only by notification and sound, whatever actions are on.
+TEST_F(OutcomeDispatch, EachKindOfRenderRunsTheChosenActionsInOrder) {
   std::string script = folder + "/after render.py";
   writeFile(script, "print('done')\n");
   writeSettings({{"notifyFinder", 1},
@@ -180,7 +181,7 @@ TEST_F(OutcomeDispatch, SuccessRunsTheChosenActionsInOrderForEachKindOfRender) {
                  {"scriptPath", script}});
   const std::string d = folder;
 
-  struct Case { const char* label; MVPlistValue render; Calls expected; };
+  struct Case { const char* label; MVPlistValue render; Calls expected; bool failed = false; };
   const Case cases[] = {
       {"watch folder movie", watchRender("clip.mov"),
        {"notify:Render Complete|File: clip.mov|icon-of:" + d, "sound:Glass", "reveal:" + d + "/clip.mov in " + d,
@@ -207,53 +208,31 @@ TEST_F(OutcomeDispatch, SuccessRunsTheChosenActionsInOrderForEachKindOfRender) {
       // A name whose escapes do not decode shows no text at all.
       {"Compressor, broken escape", render({{"type", "qmaster"}, {"batchid", "B-2"}, {"name", "100%"}}),
        {"notify:Render Complete||" + icon("Compressor4.icns"), "sound:Glass", "open:" + script}},
+      {"failed watch folder movie", watchRender("bad.mov"),
+       {"notify:Render Failed|File: bad.mov|icon-of:" + d, "sound:Sosumi"}, true},
+      {"failed Final Cut Pro", render({{"type", "fcpRender"}, {"fullPath", file("f.mov")}, {"projectName", "Theme"}}),
+       {"notify:Render Failed|Project: Theme|" + icon("Final Cut Pro.icns"), "sound:Sosumi"}, true},
+      // The project name is not used on failure: always the file's name.
+      {"failed Avid", render({{"type", "avidRender"}, {"fullPath", file("a.mxf")}, {"projectName", "Reel"}}),
+       {"notify:Render Failed|File: a.mxf|" + icon("Avid.icns"), "sound:Sosumi"}, true},
+      {"failed Media Encoder", render({{"type", "ameQueue"}}),
+       {"notify:Render Failed|Adobe Media Encoder queue stopped.|" + icon("AME.icns"), "sound:Sosumi"}, true},
+      // On failure the batch name is shown as it came, escapes and all.
+      {"failed Compressor", render({{"type", "qmaster"}, {"batchid", "F-1"}, {"name", "Night%20Batch"}}),
+       {"notify:Render Failed|Batch: Night%20Batch|" + icon("Compressor4.icns"), "sound:Sosumi"}, true},
   };
   ASSERT_FALSE(icon("Avid.icns").empty()) << "the notification icons are not found";
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     controller->setLastNotificationShown(std::nullopt);
     LogReader log;
-    controller->renderDidFinishSuccessfully(c.render);
+    if (c.failed)
+      controller->renderDidFail(c.render);
+    else
+      controller->renderDidFinishSuccessfully(c.render);
     EXPECT_EQ(calls.take(), c.expected);
-    EXPECT_EQ(log.count("Render finished: "), 1u);
-    EXPECT_EQ(log.count("Render complete"), 1u);
-  }
-}
-
-TEST_F(OutcomeDispatch, FailureTellsOnlyByNotificationAndSound) {
-  writeSettings({{"notifyFinder", 1},
-                 {"notifyQuickTime", 1},
-                 {"notifySendToApp", 1},
-                 {"sendToAppPath", "/opt/Editor/editor"},
-                 {"notifyRunScript", 1},
-                 {"scriptPath", folder + "/never.py"},
-                 {"onlyWhenInactive", 1}});
-  // No frontmost test on failure, whatever is in front.
-  controller->setFrontmostApplicationForTesting([] { return std::string("Final Cut Pro"); });
-  const std::string d = folder;
-
-  struct Case { const char* label; MVPlistValue render; std::string notification; };
-  const Case cases[] = {
-      {"watch folder", watchRender("clip.mov"), "notify:Render Failed|File: clip.mov|icon-of:" + d},
-      {"Final Cut Pro", render({{"type", "fcpRender"}, {"fullPath", file("f.mov")}, {"projectName", "Theme"}}),
-       "notify:Render Failed|Project: Theme|" + icon("Final Cut Pro.icns")},
-      // The project name is not used on failure: always the file's name.
-      {"Avid", render({{"type", "avidRender"}, {"fullPath", file("a.mxf")}, {"projectName", "Reel"}}),
-       "notify:Render Failed|File: a.mxf|" + icon("Avid.icns")},
-      {"Media Encoder", render({{"type", "ameQueue"}}),
-       "notify:Render Failed|Adobe Media Encoder queue stopped.|" + icon("AME.icns")},
-      // On failure the batch name is shown as it came, escapes and all.
-      {"Compressor", render({{"type", "qmaster"}, {"batchid", "F-1"}, {"name", "Night%20Batch"}}),
-       "notify:Render Failed|Batch: Night%20Batch|" + icon("Compressor4.icns")},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.label);
-    controller->setLastNotificationShown(std::nullopt);
-    LogReader log;
-    controller->renderDidFail(c.render);
-    EXPECT_EQ(calls.take(), (Calls{c.notification, "sound:Sosumi"}));
-    EXPECT_EQ(log.count("Render failed: "), 1u);
-    EXPECT_EQ(log.count("Render complete"), 0u);
+    EXPECT_EQ(log.count(c.failed ? "Render failed: " : "Render finished: "), 1u);
+    EXPECT_EQ(log.count("Render complete"), c.failed ? 0u : 1u);
   }
 }
 
@@ -414,6 +393,11 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
       EXPECT_EQ(log.count("currently active...skipping"), 0u);
     }
   }
+  // A failure is told whatever is in front.
+  frontmost = "Final Cut Pro";
+  controller->setLastNotificationShown(std::nullopt);
+  controller->renderDidFail(of("fcpRender"));
+  EXPECT_EQ(calls.take().size(), 2u);
 }
 
 TEST_F(OutcomeDispatch, WaitForAsyncJobsFollowsTheSoundsStillPlaying) {

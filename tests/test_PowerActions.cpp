@@ -8,9 +8,7 @@
 // verification failed does not run. The variable is never restored.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
-#include <thread>
 
 #include "AppController.h"
 #include "MVLog.h"
@@ -83,17 +81,8 @@ class PowerActions : public ::testing::Test {
     ASSERT_TRUE(MVPropertyList::write(QuillonPreferences::settingsPath(), settings));
   }
 
-  // Runs the actions on a worker thread, as the folder check does, with
-  // `whileRunning` on the main thread.
   void performPostRenderActions(const std::function<void()>& whileRunning = {}) {
-    std::atomic<bool> done{false};
-    std::thread worker([&] {
-      controller_.performPostRenderActions();
-      done = true;
-    });
-    if (whileRunning) whileRunning();
-    EXPECT_TRUE(waitUntil([&] { return done.load(); }, 120));
-    worker.join();
+    power_test::runOnWorker([&] { controller_.performPostRenderActions(); }, whileRunning);
   }
 
   // The power requests logind received, leaving out the look-ups.

@@ -20,8 +20,6 @@ extern char** environ;
 
 namespace quillon_test {
 
-inline std::size_t countIn(const std::string& text, const std::string& part) { return timesIn(text, part); }
-
 inline std::string agentSettingsPath(const std::string& home) { return home + "/.config/com.morvane.Quillon.plist"; }
 
 // Writes the agent's settings as the preferences application does; `json`
@@ -37,7 +35,7 @@ inline void writeMovie(const std::string& path) { writeFile(path, std::string(30
 // A private session bus with a notification server that records each call.
 struct NotifyingBus {
   PrivateSessionBus bus;
-  PrivateSessionBus::Mock server = bus.startMock("org.freedesktop.Notifications", "notification_daemon");
+  Mock server = bus.startMock("org.freedesktop.Notifications", "notification_daemon");
   bool ready() const { return server.started(); }
   // The agent's notifications whose text holds `part`.
   std::size_t notified(const std::string& part) const { return linesWith(server.log(), "Notify \"Quillon\" ", part); }
@@ -48,9 +46,10 @@ class Agent {
  public:
   // `logDir`: the folder that stands for /var/log/Morvane (a new one when empty).
   explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {},
-                 const std::string& logDir = "") {
-    logDir_ = logDir.empty() ? makeTempDir("agent-log") : logDir;
-    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/support/run-agent.sh", logDir_, binPath("quillon-helper")};
+                 const std::string& logDir = "")
+      : logDir_(logDir.empty() ? makeTempDir("agent-log") : logDir), output_(logDir_ + "/output.txt") {
+    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/support/run-agent.sh",
+                                     logDir_, binPath("quillon-helper")};
     args.insert(args.end(), arguments.begin(), arguments.end());
     std::vector<std::string> env;
     for (char** e = environ; *e; ++e)
@@ -62,9 +61,7 @@ class Agent {
     for (auto& e : env) envp.push_back(e.data());
     argv.push_back(nullptr);
     envp.push_back(nullptr);
-    // What the agent prints (and the sound library's complaints about a
-    // machine without audio) goes to a file beside the log.
-    output_ = logDir_ + "/output.txt";
+    // What the agent prints goes to a file beside the log.
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 1, output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
@@ -100,12 +97,9 @@ class Agent {
     return pid_ > 0 && waitpid(pid_, &status, WNOHANG) == 0;
   }
 
-  std::string log() const {
-    std::string path = logDir_ + "/quillon-helper.1.log";
-    return fileExists(path) ? readFile(path) : std::string();
-  }
-  std::string output() const { return fileExists(output_) ? readFile(output_) : std::string(); }
-  std::size_t logCount(const std::string& part) const { return countIn(log(), part); }
+  std::string log() const { return readFile(logDir_ + "/quillon-helper.1.log"); }
+  std::string output() const { return readFile(output_); }
+  std::size_t logCount(const std::string& part) const { return timesIn(log(), part); }
   // A folder's watch is live once an event for it shows in the log. A file
   // written while the stream is being re-created is not seen (the stream
   // starts from now), so after a reload the test writes a probe that is no
@@ -125,9 +119,9 @@ class Agent {
   }
 
  private:
-  pid_t pid_ = 0;
   std::string logDir_;
   std::string output_;
+  pid_t pid_ = 0;
 };
 
 }  // namespace quillon_test

@@ -7,9 +7,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
+#include <thread>
 
 #include "MVRunLoop.h"
 #include "PrivateSessionBus.h"
@@ -29,6 +33,20 @@ inline bool pollUntil(const std::function<bool()>& condition, double seconds) {
     MVRunLoop::main().runFor(0.25);
   }
   return condition();
+}
+
+// Runs `work` on a worker thread, as the agent's folder check does, and
+// `whileRunning` on the main thread, then turns the main loop until the
+// work is done.
+inline void runOnWorker(const std::function<void()>& work, const std::function<void()>& whileRunning = {}) {
+  std::atomic<bool> done{false};
+  std::thread worker([&] {
+    work();
+    done = true;
+  });
+  if (whileRunning) whileRunning();
+  EXPECT_TRUE(quillon_test::waitUntil([&] { return done.load(); }, 120));
+  worker.join();
 }
 
 inline const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/support";

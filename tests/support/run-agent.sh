@@ -1,18 +1,10 @@
 #!/bin/sh
-# Runs the agent as root without touching the machine's /var/log: in a
-# private mount namespace, /var/log is a fresh tmpfs and its Morvane folder
-# is LOGDIR, so the test reads the agent's log there while it runs and after
-# it has ended. The process keeps its pid from here to the agent (exec all
-# the way), so the caller can signal it and collect its exit status.
-#
 # Usage: run-agent.sh LOGDIR AGENT [ARGUMENT...]
-#
-# Faults, for tests that need them:
-#   QUILLON_TEST_LOG_FAULT=readonly  the log folder is mounted read-only
-#   QUILLON_TEST_LOG_FAULT=full      the log folder is a small file system
-#                                    filled to the last block (LOGDIR stays empty)
-#   QUILLON_TEST_DROP_DAC=1          the agent runs as root without the right
-#                                    to ignore file modes, as a user would
+# Runs the agent as root in a private mount namespace where /var/log is a
+# fresh tmpfs and /var/log/Morvane is LOGDIR; exec all the way, so the pid
+# stays the agent's. Faults: QUILLON_TEST_LOG_FAULT=readonly (the log folder
+# read-only) or =full (a small file system filled up; LOGDIR stays empty);
+# QUILLON_TEST_DROP_DAC=1 (no right to ignore file modes, as a user).
 logdir=$1
 shift
 exec unshare --mount sh -c '
