@@ -2,38 +2,23 @@
 // this process's own private mount namespace (the host's mounts are never
 // touched; the namespace ends with this test executable), real inotify on
 // the "Avid MediaFiles" folders, and the controller's announcements.
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <string>
-#include <vector>
-
 #include "FSEventsInotify.h"
-#include "MVRunLoop.h"
 #include "MVVolumes.h"
 #include "VolumesMountinfo.h"
-#include "RenderSourcesTestSupport.h"
+#include "WatchTestSupport.h"
 
-using namespace quillon_test;
-using namespace render_sources_test;
+using namespace watch_test;
 
 namespace {
 
 const char* const kAvidFolder = "Avid MediaFiles";
 
 // Volumes appear with their content already in place, as a disk does when it
-// is plugged in: the tmpfs is filled at a staging point and then moved.
+// is plugged in: a tmpfs is filled at a staging point, then moved.
 class AvidVolumes {
  public:
-  // Returns the mount point of a new volume, with an "Avid MediaFiles"
-  // folder (and its usual media subfolder) when asked.
   std::string mount(const std::string& name, bool withAvidFolder) {
-    std::string staging = makeTempDir("staging");
-    std::string volume = makeTempDir(name);
+    std::string staging = makeTempDir("staging"), volume = makeTempDir(name);
     EXPECT_EQ(::mount("tmpfs", staging.c_str(), "tmpfs", 0, "size=4m"), 0) << std::strerror(errno);
     if (withAvidFolder) std::filesystem::create_directories(staging + "/" + kAvidFolder + "/MXF/1");
     EXPECT_EQ(::mount(staging.c_str(), volume.c_str(), nullptr, MS_MOVE, nullptr), 0) << std::strerror(errno);
@@ -52,34 +37,11 @@ class AvidVolumes {
   std::vector<std::string> mounted_;
 };
 
-// Learns when the controller has been told of a mount or unmount: observers
-// are called in the order they were added, and the controller's come first.
-class VolumeNews {
- public:
-  VolumeNews()
-      : mountToken_(MVVolumes::addDidMountObserver([this](const MVPlistValue& info) { record(mounted_, info); })),
-        unmountToken_(
-            MVVolumes::addDidUnmountObserver([this](const MVPlistValue& info) { record(unmounted_, info); })) {}
-  bool waitForMount(const std::string& volume) { return waitFor(mounted_, volume); }
-  bool waitForUnmount(const std::string& volume) { return waitFor(unmounted_, volume); }
-
- private:
-  static void record(std::vector<std::string>& into, const MVPlistValue& info) {
-    if (const std::string* path = info[MVVolumes::kDevicePathKey].string()) into.push_back(*path);
-  }
-  static bool waitFor(const std::vector<std::string>& heard, const std::string& volume) {
-    return waitUntil([&] { return std::find(heard.begin(), heard.end(), volume) != heard.end(); }, 10);
-  }
-  std::vector<std::string> mounted_, unmounted_;
-  MVObserverToken mountToken_, unmountToken_;
-};
-
 }  // namespace
 
 TEST(AvidWatcherTest, FollowsAvidVolumesAndAnnouncesFinishedMXFRenders) {
   MVLog::createNewLog("test_AvidWatcher", true);
-  if (::unshare(CLONE_NEWNS) != 0) GTEST_SKIP() << "no private mount namespace: " << std::strerror(errno);
-  ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+  if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) GTEST_SKIP() << problem;
   quillon::installMountinfoVolumes();
   MVFSEvents::setBackendFactory(quillon::createInotifyBackend);
   controller().setSizeSettleSecondsForTesting(0.2);
@@ -87,7 +49,19 @@ TEST(AvidWatcherTest, FollowsAvidVolumesAndAnnouncesFinishedMXFRenders) {
   enableOnly("watchAvidRenders");
   controller().init();  // subscribes to the volume news
   controller().setup();
-  VolumeNews news;
+  // Observers are called in the order they were added, the controller's
+  // first: once one here has heard of a volume, the controller has too.
+  std::vector<std::string> news;
+  auto listen = [&](const char* kind) {
+    return [&news, kind](const MVPlistValue& info) {
+      if (const std::string* path = info[MVVolumes::kDevicePathKey].string()) news.push_back(kind + *path);
+    };
+  };
+  MVObserverToken mounts = MVVolumes::addDidMountObserver(listen("mount ")),
+                  unmounts = MVVolumes::addDidUnmountObserver(listen("unmount "));
+  auto heard = [&](const std::string& what) {
+    return waitUntil([&] { return std::find(news.begin(), news.end(), what) != news.end(); }, 10);
+  };
   AvidVolumes volumes;
 
   // A volume with Avid media that is mounted while the setting is on is
@@ -109,14 +83,14 @@ TEST(AvidWatcherTest, FollowsAvidVolumesAndAnnouncesFinishedMXFRenders) {
 
   // Unmounting drops the folder from the stream.
   volumes.unmount(media);
-  ASSERT_TRUE(news.waitForUnmount(media));
+  ASSERT_TRUE(heard("unmount " + media));
   EXPECT_FALSE(isWatched(mediaFolder));
 
   // With the setting off a mounted Avid volume is left alone, until the
   // setting is turned on and the configuration reloaded.
   setSetting("watchAvidRenders", 0);
   std::string later = volumes.mount("Later Drive", true);
-  ASSERT_TRUE(news.waitForMount(later));
+  ASSERT_TRUE(heard("mount " + later));
   EXPECT_FALSE(isWatched(later + "/" + kAvidFolder));
   setSetting("watchAvidRenders", 1);
   controller().setup();
@@ -126,10 +100,10 @@ TEST(AvidWatcherTest, FollowsAvidVolumesAndAnnouncesFinishedMXFRenders) {
   // the stream's folders as they were; news without a device path is ignored.
   std::vector<std::string> before = MVFSEvents::sharedController().watchPaths();
   std::string plain = volumes.mount("Plain Drive", false);
-  ASSERT_TRUE(news.waitForMount(plain));
+  ASSERT_TRUE(heard("mount " + plain));
   EXPECT_EQ(MVFSEvents::sharedController().watchPaths(), before);
   volumes.unmount(plain);
-  ASSERT_TRUE(news.waitForUnmount(plain));
+  ASSERT_TRUE(heard("unmount " + plain));
   EXPECT_EQ(MVFSEvents::sharedController().watchPaths(), before);
   controller().diskMounted(MVPlistValue());
   controller().diskUnmounted(MVPlistValue());

@@ -1,70 +1,19 @@
 // The controller's records of what it already announced, the busy test of a
 // rendering application, and its two small text utilities.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <vector>
-
-#include "AppController.h"
-#include "MVRunLoop.h"
-#include "TestSupport.h"
-
-extern char** environ;
+#include "WatchTestSupport.h"
 
 using namespace std::chrono_literals;
-using quillon_test::makeTempDir;
-using quillon_test::waitUntil;
-using quillon_test::writeFile;
+using namespace watch_test;
 using Date = AppController::Date;
 
 namespace {
 
-// Controllers are never destroyed, as in the agent itself: a folder check
-// that announced something leaves a detached worker holding its controller.
-// (Kept in a list, so that the leak checker sees them as still in use.)
+// Kept, never destroyed: a folder check that announced something leaves a
+// detached worker holding its controller.
 AppController& freshController() {
   static auto* kept = new std::vector<AppController*>;
   return *kept->emplace_back(new AppController());
 }
-
-// Sets a file's modification time to `when` (whole nanoseconds kept).
-void setModificationDate(const std::string& path, Date when) {
-  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
-  timespec times[2];
-  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(ns / 1000000000);
-  times[0].tv_nsec = times[1].tv_nsec = static_cast<long>(ns % 1000000000);
-  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
-}
-
-// A child process shown by "ps aux" under `name`, killed when the guard goes.
-class NamedProcess {
- public:
-  // `command` is a shell command line whose program gets `name` as argv[0].
-  NamedProcess(const std::string& name, const std::string& command) {
-    std::vector<std::string> args = {"/bin/bash", "-c", "exec -a \"$0\" " + command, name};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    if (posix_spawn(&pid_, "/bin/bash", nullptr, nullptr, argv.data(), environ) != 0) pid_ = 0;
-  }
-  ~NamedProcess() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
-  bool started() const { return pid_ > 0; }
-
- private:
-  pid_t pid_ = 0;
-};
 
 }  // namespace
 
@@ -76,7 +25,7 @@ TEST(Bookkeeping, AnnouncedFileIsARepeatOnlyWhileItsDateIsUnchanged) {
   writeFile(announced, "frames");
   writeFile(other, "frames");
   Date written = std::chrono::system_clock::now() - 5s;
-  setModificationDate(announced, written);
+  setModified(announced, written);
 
   EXPECT_FALSE(controller.isFileRepeated(announced)) << "nothing was recorded yet";
   controller.recordRecentFile(announced);
@@ -84,10 +33,10 @@ TEST(Bookkeeping, AnnouncedFileIsARepeatOnlyWhileItsDateIsUnchanged) {
   EXPECT_FALSE(controller.isFileRepeated(other));
 
   // A touch gives a new date: the same path is a new render at once.
-  setModificationDate(announced, written + 1ms);
+  setModified(announced, written + 1ms);
   EXPECT_FALSE(controller.isFileRepeated(announced));
   // Back to the recorded date, it is the announced file again.
-  setModificationDate(announced, written);
+  setModified(announced, written);
   EXPECT_TRUE(controller.isFileRepeated(announced));
 
   // A file that vanished is never a repeat, and one that cannot be read is
@@ -110,7 +59,7 @@ TEST(Bookkeeping, TidyKeepsRecordsUpToSixtySecondsPastTheFilesLastWrite) {
     SCOPED_TRACE(sinceWrite.count());
     std::string path = folder + "/r" + std::to_string(sinceWrite.count()) + ".mov";
     writeFile(path, "frames");
-    setModificationDate(path, written);
+    setModified(path, written);
     controller.setClockForTesting(nullptr);
     controller.recordRecentFile(path);
     ASSERT_TRUE(controller.isFileRepeated(path));
@@ -168,27 +117,17 @@ TEST(Bookkeeping, PhoneNumbersKeepTheirDigitsAndNumbersMustPrintBackAs32BitInteg
 TEST(Bookkeeping, CpuUsageReadsTheFirstMatchingProcessOfTheListing) {
   AppController& controller = freshController();
   std::string token = std::to_string(getpid());
-
   EXPECT_EQ(controller.cpuUsageForApplication("Quillon Nobody Runs This " + token), 0);
-
-  // A name with blanks, as the editing applications have, matched anywhere
-  // in the line; a sleeping process uses nothing. (The names stay clear of
-  // the real applications' names: other suites run beside this one.)
-  NamedProcess idle("Quillon Idle Probe-" + token, "sleep 60");
-  ASSERT_TRUE(idle.started());
-  ASSERT_TRUE(waitUntil([&] {
-    return quillon_test::shellOutput("ps aux").find("Quillon Idle Probe-" + token) != std::string::npos;
-  }, 10));
+  // Names with blanks, as the editing applications have, matched anywhere in
+  // the line, and clear of the real applications' names.
+  ChildProcess idle("exec -a \"$0\" sleep 60", "Quillon Idle Probe-" + token);
+  ASSERT_TRUE(waitUntil([&] { return shellOutput("ps aux").find("Idle Probe-" + token) != std::string::npos; }, 10));
   EXPECT_EQ(controller.cpuUsageForApplication("Idle Probe-" + token), 0);
-
-  // A spinning process shows in the processor column; the reading is whole
-  // percent of one core.
-  NamedProcess busy("Quillon Busy Probe-" + token, "/bin/bash -c 'while :; do :; done'");
-  ASSERT_TRUE(busy.started());
+  // A spinning process shows in whole percent of one core.
+  ChildProcess busy("exec -a \"$0\" /bin/bash -c 'while :; do :; done'", "Quillon Busy Probe-" + token);
   int usage = 0;
-  EXPECT_TRUE(waitUntil([&] {
-    usage = controller.cpuUsageForApplication("Quillon Busy Probe-" + token);
-    return usage >= 10;
-  }, 15)) << "a busy loop read as " << usage << "%";
+  EXPECT_TRUE(waitUntil([&] { return (usage = controller.cpuUsageForApplication("Quillon Busy Probe-" + token)) >= 10; },
+                        15))
+      << "a busy loop read as " << usage << "%";
   EXPECT_LE(usage, 100);
 }

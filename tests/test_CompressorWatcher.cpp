@@ -1,40 +1,23 @@
 // The Compressor batch watcher: monitor answers, the history fallback, and
-// whole polls driven by fake Qmaster tools (tests/compressor/).
-//
-// The watcher looks for its tools at Compressor's own paths ("/usr/sbin/
-// qmasterprefs", bundles in "/Applications"). Those tests move the test
-// thread into a private mount namespace whose root is an overlay of the
-// host's root with an in-memory upper layer: the fakes vanish with the
-// process and the host never sees them.
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
+// whole polls driven by fake Qmaster tools (tests/compressor/). Those at
+// Compressor's own paths live in a private mount namespace whose root is an
+// overlay of the host's with an in-memory upper layer.
 #include <sys/stat.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
 #include <set>
 #include <thread>
 
-#include "AppController.h"
 #include "MVAlert.h"
 #include "MVDistributedNotificationCenter.h"
-#include "MVGrowl.h"
 #include "MVLocalPaths.h"
-#include "MVLog.h"
 #include "MVPower.h"
 #include "MVPropertyList.h"
-#include "MVRunLoop.h"
 #include "PowerAlertServices.h"
-#include "TestSupport.h"
 #include "PowerTestSupport.h"
+#include "WatchTestSupport.h"
 
-using namespace quillon_test;
+using namespace watch_test;
 namespace fs = std::filesystem;
 
 namespace {
@@ -67,31 +50,12 @@ void setAnswer(const std::string& monitor, const std::string& cluster, const std
   writeFile(testHome() + "/qmaster/" + monitor + "/" + cluster + ".xml", answer);
 }
 
-std::size_t occurrences(const std::string& text, const std::string& part) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
-  return count;
-}
-
 std::string calls() {
   std::string path = testHome() + "/qmaster/calls.log";
   return fileExists(path) ? readFile(path) : "";
 }
 
-std::size_t pollCount() {
-  return occurrences(calls(), "Batch Monitor|-clustername This Computer -query 0.3 -timeout 0.3\n");
-}
-
-std::string logText() {
-  MVLog::finishWriting();
-  return fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : "";
-}
-
-void setAge(const std::string& path, std::chrono::seconds age) {
-  timeval times[2] = {};
-  times[0].tv_sec = times[1].tv_sec = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now() - age);
-  ASSERT_EQ(0, utimes(path.c_str(), times)) << path;
-}
+std::size_t pollCount() { return timesIn(calls(), "Batch Monitor|-clustername This Computer -query 0.3 -timeout 0.3\n"); }
 
 std::string historyPath(const std::string& version, const std::string& name) {
   return MVLocalPaths::appSupportDirectory(true) + "/Compressor/History/V" + version + "/" + name;
@@ -146,22 +110,6 @@ class LoopbackNotifications : public MVDistributedNotificationCenter::Backend {
   MVDistributedNotificationCenter::Delivery deliver_;
 };
 
-class RecordingNotifications : public MVUserNotificationCenter::Backend {
- public:
-  void deliverNotification(const MVUserNotification& notification) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    delivered_.push_back(notification);
-  }
-  std::vector<MVUserNotification> delivered() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return delivered_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<MVUserNotification> delivered_;
-};
-
 class CompressorTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -169,43 +117,33 @@ class CompressorTest : public ::testing::Test {
     std::call_once(log, [] { MVLog::createNewLog("test_CompressorWatcher", true); });
     fs::remove_all(testHome() + "/qmaster");
     fs::remove_all(MVLocalPaths::appSupportDirectory(true) + "/Compressor");
-    MVGrowl::defaultController();
-    previousNotifications_ = MVUserNotificationCenter::setBackend(notifications_);
     previousBus_ = MVDistributedNotificationCenter::setBackend(std::make_shared<LoopbackNotifications>());
     AppController::setObject(0, "notifySound");  // a sound would hold the post-render actions
     AppController::setObject(0, "logoutAction");
+    desktop_.emplace();
     controller_ = std::make_unique<AppController>();
-    logStart_ = logText().size();
+    since_ = LogSince();
   }
-
   void TearDown() override {
     if (!controller_) return;
     EXPECT_TRUE(waitUntil([&] { return !controller_->isProcessingQmaster(); }, 30));
     controller_.reset();
     MVDistributedNotificationCenter::setBackend(previousBus_);
-    MVUserNotificationCenter::setBackend(previousNotifications_);
   }
-
-  std::string newLog() const {
-    std::string text = logText();
-    return text.substr(std::min(logStart_, text.size()));
-  }
-
+  std::string newLog() const { return since_.text(); }
   void post(const std::string& name, const MVPlistValue& userInfo = MVPlistValue::Dictionary{}) {
     MVDistributedNotificationCenter::defaultCenter().postNotification(name, {}, userInfo);
   }
-
   // Turns the main loop a little, then waits for background polls to end.
   bool settle() {
-    waitUntil([] { return false; }, 0.5);
+    MVRunLoop::main().runFor(0.5);
     return waitUntil([&] { return !controller_->isProcessingQmaster(); }, 20);
   }
 
-  std::shared_ptr<RecordingNotifications> notifications_ = std::make_shared<RecordingNotifications>();
-  std::shared_ptr<MVUserNotificationCenter::Backend> previousNotifications_;
+  std::optional<RecordingDesktop> desktop_;
   std::shared_ptr<MVDistributedNotificationCenter::Backend> previousBus_;
   std::unique_ptr<AppController> controller_;
-  std::size_t logStart_ = 0;
+  LogSince since_;
 };
 
 TEST_F(CompressorTest, MonitorAnswerBecomesBatchRecords) {
@@ -233,9 +171,9 @@ TEST_F(CompressorTest, MonitorAnswerBecomesBatchRecords) {
   EXPECT_EQ(controller_->qmasterBatchesInCluster("Farm Cluster", monitor + "2"), std::nullopt);
   EXPECT_EQ(controller_->qmasterBatchesInCluster("", monitor), std::nullopt);
   std::string log = newLog();
-  EXPECT_EQ(occurrences(log, "No batches found in data: "), 1u);
-  EXPECT_EQ(occurrences(log, "Path " + monitor + "2 doesn't exist"), 1u);
-  EXPECT_EQ(occurrences(log, "No cluster name"), 1u);
+  EXPECT_EQ(timesIn(log, "No batches found in data: "), 1u);
+  EXPECT_EQ(timesIn(log, "Path " + monitor + "2 doesn't exist"), 1u);
+  EXPECT_EQ(timesIn(log, "No cluster name"), 1u);
 }
 
 TEST_F(CompressorTest, MonitorThatTimesOutFallsBackToItsHistory) {
@@ -266,8 +204,8 @@ TEST_F(CompressorTest, MonitorThatTimesOutFallsBackToItsHistory) {
   EXPECT_EQ(*table["H-5"]["status"].string(), "Processing");
   EXPECT_EQ(*table["H-6"]["status"].string(), "Cancelled") << "without progress the attributes decide";
   std::string log = newLog();
-  EXPECT_EQ(occurrences(log, "Job data timed out"), 1u);
-  EXPECT_EQ(occurrences(log, "Unable to read Compressor history file " + historyPath("4", "broken.compressorJobBatch")), 1u);
+  EXPECT_EQ(timesIn(log, "Job data timed out"), 1u);
+  EXPECT_EQ(timesIn(log, "Unable to read Compressor history file " + historyPath("4", "broken.compressorJobBatch")), 1u);
 
   EXPECT_EQ(ids(controller_->qmasterBatchesInCluster("This Computer", apps + "/Batch Monitor").value()),
             std::set<std::string>{"H-3"});
@@ -299,23 +237,18 @@ class CompressorWatcherTest : public CompressorTest {
                                       MVPlistValue::Dictionary{{"CFBundleIdentifier", identifier}}));
   }
 
-  // The mount namespace belongs to this thread and the threads and programs
-  // it starts later; /tmp (the test home) and the kernel's file systems are
-  // shared with the host so that both sides see the log and the answers.
+  // /tmp (the test home) and the kernel's file systems stay shared with the
+  // host, so that both sides see the log and the answers.
   static const std::string& sandboxProblem() {
     static const std::string problem = []() -> std::string {
-      auto failed = [](const char* step) { return std::string(step) + ": " + std::strerror(errno); };
-      if (unshare(CLONE_NEWNS) != 0) return failed("unshare");
-      if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return failed("make / private");
-      if (mount("tmpfs", "/srv", "tmpfs", 0, "mode=755") != 0) return failed("tmpfs on /srv");
-      for (const char* dir : {"/srv/upper", "/srv/work", "/srv/root"})
-        if (mkdir(dir, 0755) != 0) return failed("mkdir");
-      if (mount("overlay", "/srv/root", "overlay", 0, "lowerdir=/,upperdir=/srv/upper,workdir=/srv/work") != 0)
-        return failed("overlay");
+      if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) return problem;
+      bool made = mount("tmpfs", "/srv", "tmpfs", 0, "mode=755") == 0;
+      for (const char* dir : {"/srv/upper", "/srv/work", "/srv/root"}) made = made && mkdir(dir, 0755) == 0;
+      made = made && mount("overlay", "/srv/root", "overlay", 0, "lowerdir=/,upperdir=/srv/upper,workdir=/srv/work") == 0;
       for (std::string dir : {"/dev", "/proc", "/sys", "/tmp", "/run"})
-        if (mount(dir.c_str(), ("/srv/root" + dir).c_str(), nullptr, MS_BIND | MS_REC, nullptr) != 0)
-          return failed("bind");
-      if (chdir("/srv/root") != 0 || chroot(".") != 0 || chdir("/") != 0) return failed("chroot");
+        made = made && mount(dir.c_str(), ("/srv/root" + dir).c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
+      if (!made || chdir("/srv/root") != 0 || chroot(".") != 0 || chdir("/") != 0)
+        return std::string("overlay root: ") + std::strerror(errno);
       return {};
     }();
     return problem;
@@ -334,7 +267,7 @@ TEST_F(CompressorWatcherTest, FindsTheQmasterToolsAndMergesBothMonitors) {
   writeFile(silent, "#!/bin/sh\n");
   fs::permissions(silent, fs::perms(0755));
   EXPECT_EQ(controller_->qmasterClusters(silent), std::nullopt);
-  EXPECT_EQ(occurrences(newLog(), "Unable to load Qmaster preferences"), 1u);
+  EXPECT_EQ(timesIn(newLog(), "Unable to load Qmaster preferences"), 1u);
 
   setAnswer("Batch Monitor", "Edit Bay Cluster", batchListXML({{"E-1", "Edit", "Processing"}, {"E-2", "BM", "Paused"}}));
   setAnswer("Share Monitor", "Edit Bay Cluster", batchListXML({{"E-1", "Edit", "Successful"}}));
@@ -365,8 +298,8 @@ TEST_F(CompressorWatcherTest, ReportsEachBatchSeenRunningExactlyOnce) {
   EXPECT_EQ(ids(*controller_->currentBatches()), std::set<std::string>{"G"});
   ASSERT_TRUE(settle());
   // D was never seen running; C's status vanished.
-  EXPECT_EQ(occurrences(newLog(), "Render finished: "), 1u);
-  EXPECT_EQ(occurrences(newLog(), "Render failed: "), 4u);
+  EXPECT_EQ(timesIn(newLog(), "Render finished: "), 1u);
+  EXPECT_EQ(timesIn(newLog(), "Render failed: "), 4u);
 
   // A second start does not double the subscriptions, and the same answer
   // reports nothing again.
@@ -376,8 +309,8 @@ TEST_F(CompressorWatcherTest, ReportsEachBatchSeenRunningExactlyOnce) {
   ASSERT_TRUE(waitUntil([&] { return pollCount() == polls + 1; }, 20));
   ASSERT_TRUE(settle());
   EXPECT_EQ(pollCount(), polls + 1);
-  EXPECT_EQ(occurrences(newLog(), "Render finished: "), 1u);
-  EXPECT_EQ(occurrences(newLog(), "Render failed: "), 4u);
+  EXPECT_EQ(timesIn(newLog(), "Render finished: "), 1u);
+  EXPECT_EQ(timesIn(newLog(), "Render failed: "), 4u);
 }
 
 TEST_F(CompressorWatcherTest, RechecksARunningBatchUntilItFinishes) {
@@ -385,11 +318,8 @@ TEST_F(CompressorWatcherTest, RechecksARunningBatchUntilItFinishes) {
   controller_->startCompressorWatcher();
   // No notification follows: only the 15-second re-check can notice.
   setAnswer("Share Monitor", "This Computer", batchListXML({{"N-1", "Nightly%20Export", "Successful"}}));
-  ASSERT_TRUE(waitUntil([&] { return !notifications_->delivered().empty(); }, 25));
-  auto delivered = notifications_->delivered();
-  ASSERT_EQ(delivered.size(), 1u);
-  EXPECT_EQ(delivered[0].title, "Render Complete");
-  EXPECT_EQ(delivered[0].informativeText, "Batch: Nightly Export");
+  ASSERT_TRUE(waitUntil([&] { return !desktop_->notifications().empty(); }, 25));
+  EXPECT_EQ(desktop_->notifications(), std::vector<std::string>{"Render Complete|Batch: Nightly Export"});
   EXPECT_TRUE(controller_->currentBatches()->empty());
 }
 
@@ -415,7 +345,7 @@ TEST_F(CompressorWatcherTest, AdvertisementsPollInTheBackgroundAtMostOncePerSeco
   post("QmasterAdUpdateNotification", ad);
   ASSERT_TRUE(settle());
   EXPECT_EQ(pollCount(), polls + 1);
-  EXPECT_EQ(occurrences(newLog(), "Error loading XML document: "), 1u);
+  EXPECT_EQ(timesIn(newLog(), "Error loading XML document: "), 1u);
   *skew += 2;
   post("QmasterAdUpdateNotification", ad);
   ASSERT_TRUE(waitUntil([&] { return pollCount() == polls + 2; }, 20));
@@ -465,7 +395,7 @@ TEST_F(CompressorWatcherTest, ABatchSubmittedDuringAPollHoldsThePowerActionBack)
     done = true;
   });
   // Past the actions' 2-second pause, the old poll is let go.
-  waitUntil([] { return false; }, 4);
+  MVRunLoop::main().runFor(4);
   fs::remove(testHome() + "/qmaster/hold");
   EXPECT_TRUE(waitUntil([&] { return done.load(); }, 60));
   actions.join();

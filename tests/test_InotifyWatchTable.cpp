@@ -116,7 +116,7 @@ TEST(InotifyWatchTable, ReusedDescriptorsAndPathsFollowTheLatestFolder) {
 }
 
 // Random work against a plain model of parents and names: catches an index
-// that loses or misplaces entries as it grows and shrinks.
+// that loses or misplaces entries as it grows, shrinks and compacts.
 TEST(InotifyWatchTable, StaysRightThroughLongRandomWork) {
   struct Entry {
     int parent;        // -1: a top
@@ -124,71 +124,61 @@ TEST(InotifyWatchTable, StaysRightThroughLongRandomWork) {
   };
   std::map<int, Entry> model;
   auto pathOf = [&](int wd) {
-    std::vector<std::string> parts;
-    for (int at = wd;; at = model.at(at).parent) {
-      parts.push_back(model.at(at).name);
-      if (model.at(at).parent < 0) break;
-    }
     std::string path;
-    for (auto part = parts.rbegin(); part != parts.rend(); ++part) path += (path.empty() ? "" : "/") + *part;
+    for (int at = wd; at >= 0; at = model.at(at).parent) path = model.at(at).name + (path.empty() ? "" : "/") + path;
     return path;
   };
-  auto eraseFromModel = [&](int wd) {
+  // Forgets `wd`; the folders below keep their paths as tops.
+  auto forget = [&](int wd) {
     for (auto& [other, entry] : model)
       if (entry.parent == wd) entry = Entry{-1, pathOf(other)};
     model.erase(wd);
   };
-  auto randomLive = [&](std::mt19937& random) {
-    auto it = model.begin();
-    std::advance(it, std::uniform_int_distribution<std::size_t>(0, model.size() - 1)(random));
-    return it->first;
+  // A folder put at `name` in `parent` replaces the one that was there.
+  auto displace = [&](int parent, const std::string& name, int except) {
+    const std::string path = pathOf(parent) + "/" + name;
+    for (auto& [wd, entry] : std::map<int, Entry>(model))
+      if (model.count(wd) && wd != except &&
+          ((entry.parent == parent && entry.name == name) || (entry.parent < 0 && entry.name == path)))
+        forget(wd);
+  };
+  std::mt19937 random(20261123);
+  auto randomLive = [&] {
+    return std::next(model.begin(), std::uniform_int_distribution<std::size_t>(0, model.size() - 1)(random))->first;
   };
 
   InotifyWatchTable table;
   table.insert(1, "/root", kFolder);
   model[1] = Entry{-1, "/root"};
-  std::mt19937 random(20261123);
-  int nextWd = 2;
-  for (int step = 0; step < 6000; ++step) {
+  for (int step = 0, nextWd = 2; step < 6000; ++step) {
     const int action = std::uniform_int_distribution<int>(0, 9)(random);
-    std::string name = "f";
-    name += std::to_string(std::uniform_int_distribution<int>(0, 30)(random));
+    const std::string name = "f" + std::to_string(std::uniform_int_distribution<int>(0, 30)(random));
     if (action < 6 || model.size() < 3) {
-      const int parent = randomLive(random);
-      const std::string path = pathOf(parent) + "/" + name;
-      for (auto& [wd, entry] : std::map<int, Entry>(model))
-        if (model.count(wd) && ((entry.parent == parent && entry.name == name) || (entry.parent < 0 && entry.name == path)))
-          eraseFromModel(wd);
-      table.insertChild(nextWd, parent, name, path, kFolder);
+      const int parent = randomLive();
+      displace(parent, name, -1);
+      table.insertChild(nextWd, parent, name, pathOf(parent) + "/" + name, kFolder);
       model[nextWd++] = Entry{parent, name};
-    } else if (action < 8) {
-      const int wd = randomLive(random);
+    } else if (const int wd = randomLive(); action < 8) {
       if (wd == 1) continue;
       table.erase(wd);
-      eraseFromModel(wd);
+      forget(wd);
     } else {
-      const int wd = randomLive(random), parent = randomLive(random);
+      const int parent = randomLive();
       bool intoItself = false;
       for (int at = parent; at >= 0 && !intoItself; at = model.at(at).parent) intoItself = at == wd;
       ASSERT_EQ(table.move(wd, parent, name), !intoItself);
       if (intoItself) continue;
-      const std::string path = pathOf(parent) + "/" + name;
-      for (auto& [other, entry] : std::map<int, Entry>(model))
-        if (model.count(other) && other != wd &&
-            ((entry.parent == parent && entry.name == name) || (entry.parent < 0 && entry.name == path)))
-          eraseFromModel(other);
+      displace(parent, name, wd);
       model[wd] = Entry{parent, name};
     }
-
     if (step % 250 != 0) continue;
     ASSERT_EQ(table.size(), model.size()) << "step " << step;
     std::map<std::string, int> uses;
     for (const auto& [wd, entry] : model) ++uses[pathOf(wd)];
     for (const auto& [wd, entry] : model) {
-      const std::string path = pathOf(wd);
-      ASSERT_EQ(table.pathOf(wd), path) << "step " << step;
-      if (uses[path] == 1) {
-        ASSERT_EQ(table.descriptorFor(path), wd) << path << " at step " << step;
+      ASSERT_EQ(table.pathOf(wd), pathOf(wd)) << "step " << step;
+      if (uses[pathOf(wd)] == 1) {
+        ASSERT_EQ(table.descriptorFor(pathOf(wd)), wd) << "step " << step;
       }
     }
   }

@@ -1,71 +1,13 @@
 // The file-system event stream on real folders with real inotify.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <set>
-#include <string>
-#include <vector>
 
 #include "FSEventsInotify.h"
-#include "MVFSEvents.h"
-#include "MVLog.h"
-#include "MVRunLoop.h"
-#include "TestSupport.h"
+#include "WatchTestSupport.h"
 
 namespace fs = std::filesystem;
-using quillon_test::makeTempDir;
-using quillon_test::waitUntil;
-using quillon_test::writeFile;
+using namespace watch_test;
 
 namespace {
-
-struct Received {
-  std::uint64_t id;
-  std::string path;
-  std::uint32_t flags;
-  MVPlistValue::Date date;
-  std::size_t batch;
-};
-
-class Recorder : public MVFSEventsDelegate {
- public:
-  Recorder() { MVFSEvents::sharedController().setDelegate(this); }
-  ~Recorder() override = default;
-
-  void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
-    batchTimes.push_back(std::chrono::steady_clock::now());
-    for (const auto& event : events)
-      records.push_back(Received{static_cast<std::uint64_t>(event["id"].integerValue()), *event["path"].string(),
-                                 static_cast<std::uint32_t>(std::stoul(*event["flag"].string(), nullptr, 16)),
-                                 *event["date"].date(), batchTimes.size() - 1});
-  }
-
-  bool saw(const std::string& path, std::uint32_t flags = 0) const {
-    for (const auto& r : records)
-      if (r.path == path && (r.flags & flags) == flags) return true;
-    return false;
-  }
-  bool waitFor(const std::string& path, std::uint32_t flags = 0, double seconds = 5) {
-    return waitUntil([&] { return saw(path, flags); }, seconds);
-  }
-  bool sawBelow(const std::string& folder) const {
-    for (const auto& r : records)
-      if (r.path.rfind(folder, 0) == 0) return true;
-    return false;
-  }
-
-  std::vector<Received> records;
-  std::vector<std::chrono::steady_clock::time_point> batchTimes;
-};
 
 class MVFSEventsTest : public ::testing::Test {
  protected:
@@ -80,7 +22,7 @@ void settle(double seconds) { MVRunLoop::main().runFor(seconds); }
 }  // namespace
 
 TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
-  Recorder recorder;
+  EventRecorder recorder;
   const std::string root = makeTempDir("tree");
   const std::string outside = makeTempDir("outside");
   MVFSEvents::sharedController().startWatchingPaths({root});
@@ -96,8 +38,7 @@ TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
   EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
 
   // Later writes in the new folder arrive through its own watch.
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   writeFile(root + "/a/b/c/clip2.mov", "y");
   EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
 
@@ -119,7 +60,7 @@ TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
 }
 
 TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
-  Recorder recorder;
+  EventRecorder recorder;
   const std::string root = makeTempDir("latency");
   fs::create_directories(root + "/sub");
   MVFSEvents::sharedController().startWatchingPaths({root}, 1.0);
@@ -144,7 +85,7 @@ TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
 }
 
 TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents& stream = MVFSEvents::sharedController();
   const std::string a = makeTempDir("a");
   const std::string b = makeTempDir("b");
@@ -171,8 +112,7 @@ TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
 
   stream.removeWatchPaths({a}, 1.0);
   EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{b}));
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   writeFile(a + "/unwatched.mov", "x");
   writeFile(b + "/watched.mov", "x");
   ASSERT_TRUE(recorder.waitFor(slash(b)));
@@ -185,7 +125,7 @@ TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
 }
 
 TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
-  Recorder recorder;
+  EventRecorder recorder;
   const std::string base = makeTempDir("missing");
   const std::string root = base + "/later/render";
   MVFSEvents::sharedController().startWatchingPaths({root});
@@ -193,8 +133,7 @@ TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
   fs::create_directories(root);
   writeFile(root + "/clip.mov", "x");
   ASSERT_TRUE(recorder.waitFor(slash(root)));
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   writeFile(root + "/clip2.mov", "x");
   ASSERT_TRUE(recorder.waitFor(slash(root)));
 
@@ -202,8 +141,7 @@ TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
   EXPECT_TRUE(recorder.waitFor(slash(root), kMVFSEventFlagRootChanged));
 
   // It comes back, and is watched again.
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   fs::create_directories(root);
   settle(0.2);
   writeFile(root + "/clip3.mov", "x");
@@ -211,7 +149,7 @@ TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
 }
 
 TEST_F(MVFSEventsTest, WatchedFileReportsItsFolder) {
-  Recorder recorder;
+  EventRecorder recorder;
   const std::string folder = makeTempDir("ame");
   const std::string log = folder + "/AMEEncodingLog.txt";
   writeFile(log, "Queue Started");
@@ -230,21 +168,20 @@ TEST_F(MVFSEventsTest, WatchedFileReportsItsFolder) {
   writeFile(folder + "/new.txt", "Queue Started");
   fs::rename(folder + "/new.txt", log);
   ASSERT_TRUE(recorder.waitFor(slash(folder), kMVFSEventFlagRootChanged));
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   std::ofstream(log, std::ios::app) << " Queue Stopped";
   EXPECT_TRUE(recorder.waitFor(slash(folder)));
 }
 
 TEST_F(MVFSEventsTest, QueueOverflowAsksForARescanAndKeepsWatching) {
-  Recorder recorder;
+  EventRecorder recorder;
   const std::string root = makeTempDir("overflow");
   MVFSEvents::sharedController().startWatchingPaths({root});
   settle(0.1);
 
   // Without turning the main loop nothing reads the queue: three events per
   // round overflow it. The folder made last is lost in the overflow.
-  long queueSize = std::stol(quillon_test::readFile("/proc/sys/fs/inotify/max_queued_events"));
+  long queueSize = std::stol(readFile("/proc/sys/fs/inotify/max_queued_events"));
   const std::string scratch = root + "/scratch";
   for (long i = 0; i < queueSize / 3 + 100; ++i) {
     int fd = ::open(scratch.c_str(), O_CREAT | O_WRONLY, 0644);
@@ -261,10 +198,8 @@ TEST_F(MVFSEventsTest, QueueOverflowAsksForARescanAndKeepsWatching) {
 }
 
 TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
-  // A private mount namespace for this thread, so the mount is seen by no one else.
-  if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-    GTEST_SKIP() << "no private mount namespace here";
-  Recorder recorder;
+  if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) GTEST_SKIP() << problem;
+  EventRecorder recorder;
   const std::string root = makeTempDir("volumes");
   const std::string volume = root + "/volume";
   fs::create_directories(volume);
@@ -280,10 +215,76 @@ TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
   EXPECT_FALSE(recorder.saw(slash(volume + "/Avid MediaFiles"), kMVFSEventFlagUnmount));
 
   // The folder under the mount point is watched in its place.
-  settle(1.1);
-  recorder.records.clear();
+  recorder.settleAndClear();
   writeFile(volume + "/underneath.mov", "x");
   EXPECT_TRUE(recorder.waitFor(slash(volume)));
+}
+
+// Folders renamed inside the watched tree, trees deeper than the walk keeps
+// folders open for, and folders without subfolders, which it does not list.
+TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
+  EventRecorder recorder;
+  const std::string root = makeTempDir("renames");
+  const std::string outside = makeTempDir("outside");
+  fs::create_directories(root + "/Project A/Render Files/Shot 1");
+  fs::create_directories(root + "/Archive");
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  recorder.settleAndClear();
+
+  // Renamed in place: the folder below reports its path under the new name.
+  fs::rename(root + "/Project A", root + "/Project B");
+  recorder.settleAndClear();
+  writeFile(root + "/Project B/Render Files/Shot 1/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/Project B/Render Files/Shot 1/"));
+  EXPECT_FALSE(recorder.saw(root + "/Project A/Render Files/Shot 1/"));
+
+  // Moved under another folder of the tree.
+  recorder.settleAndClear();
+  fs::rename(root + "/Project B/Render Files", root + "/Archive/Render Files");
+  recorder.settleAndClear();
+  writeFile(root + "/Archive/Render Files/Shot 1/clip2.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/Archive/Render Files/Shot 1/"));
+
+  // Moved out, then back in under a new name: watched again where it lands.
+  recorder.settleAndClear();
+  fs::rename(root + "/Archive/Render Files", outside + "/Render Files");
+  writeFile(outside + "/Render Files/Shot 1/away.mov", "x");
+  recorder.settleAndClear();
+  fs::rename(outside + "/Render Files", root + "/Returned");
+  EXPECT_TRUE(recorder.waitFor(root + "/Returned/Shot 1/"));  // it holds a file
+  recorder.settleAndClear();
+  writeFile(root + "/Returned/Shot 1/back.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/Returned/Shot 1/"));
+  EXPECT_FALSE(recorder.sawBelow(outside));
+}
+
+TEST_F(MVFSEventsTest, EveryFolderOfDeepAndWideTreesIsWatched) {
+  EventRecorder recorder;
+  const std::string root = makeTempDir("deep");
+  // Deeper than the walk keeps folders open for.
+  std::string deepest = root;
+  for (int level = 0; level < 100; ++level) deepest += "/L" + std::to_string(level);
+  fs::create_directories(deepest);
+  // Folders without subfolders (not listed at set-up) beside ones with.
+  for (int i = 0; i < 50; ++i) fs::create_directories(root + "/wide/leaf" + std::to_string(i));
+  fs::create_directories(root + "/wide/leaf7/inner");
+  writeFile(root + "/wide/leaf3/existing.mov", "x");
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  recorder.settleAndClear();
+
+  writeFile(deepest + "/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(deepest + "/"));
+  writeFile(root + "/wide/leaf3/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf3/"));
+  writeFile(root + "/wide/leaf7/inner/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf7/inner/"));
+
+  // A folder made later inside a folder that had none is watched too.
+  recorder.settleAndClear();
+  fs::create_directories(root + "/wide/leaf9/new");
+  recorder.settleAndClear();
+  writeFile(root + "/wide/leaf9/new/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf9/new/"));
 }
 
 // The watch limit is lowered in a user namespace of its own, where it holds
@@ -291,7 +292,7 @@ TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
 TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
   const std::string self = "MVFSEventsTest.FullWatchTableIsLoggedAndEarlierWatchesKept";
   if (!std::getenv("QUILLON_WATCH_LIMIT_CHILD")) {
-    std::string output = quillon_test::shellOutput(
+    std::string output = shellOutput(
         "QUILLON_WATCH_LIMIT_CHILD=1 unshare --user --map-root-user " + fs::read_symlink("/proc/self/exe").string() +
         " --gtest_filter=" + self + " 2>&1");
     if (output.find("[  PASSED  ] 1 test") == std::string::npos && output.find("[  FAILED  ]") == std::string::npos)
@@ -302,12 +303,12 @@ TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
     return;
   }
 
-  quillon_test::writeFile("/proc/sys/user/max_inotify_watches", "6");
-  if (quillon_test::readFile("/proc/sys/user/max_inotify_watches") != "6\n") GTEST_SKIP() << "limit not lowered";
+  writeFile("/proc/sys/user/max_inotify_watches", "6");
+  if (readFile("/proc/sys/user/max_inotify_watches") != "6\n") GTEST_SKIP() << "limit not lowered";
   MVLog::createNewLog("test_MVFSEvents");
   const std::string root = makeTempDir("limit");
   for (int i = 0; i < 20; ++i) fs::create_directories(root + "/folder" + std::to_string(i));
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({root});
   writeFile(root + "/still-watched.mov", "x");
   EXPECT_TRUE(recorder.waitFor(slash(root)));
@@ -325,16 +326,5 @@ TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
     std::ifstream log(path);
     for (std::string line; std::getline(log, line);)
       if (line.find("fs.inotify.max_user_watches") != std::string::npos) std::printf("logged: %s\n", line.c_str());
-  }
-}
-
-TEST(MVFSEventRecord, DictionaryCarriesTheFourKeys) {
-  const auto date = std::chrono::system_clock::now();
-  for (auto [flags, text] : {std::pair{0x0u, "0000"}, {0x10u, "0010"}, {0x12345u, "12345"}}) {
-    MVPlistValue record = MVFSEventRecord{42, "/Volumes/Media/", flags, date}.toDictionary();
-    EXPECT_EQ(*record["flag"].string(), text);
-    EXPECT_EQ(record["id"].integerValue(), 42);
-    EXPECT_EQ(*record["path"].string(), "/Volumes/Media/");
-    EXPECT_EQ(record["date"].date(), date);
   }
 }

@@ -1,29 +1,15 @@
 // The event stream on shares, where inotify does not see what other
 // machines write: bindfs mounts in a private mount namespace stand in for
 // the share, and writes into the folder under them for the other machine.
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <signal.h>
-#include <sys/mount.h>
-
-#include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <string>
-#include <vector>
+#include <functional>
 
 #include "AgentProcess.h"
 #include "FSEventsInotify.h"
-#include "MVFSEvents.h"
-#include "MVLog.h"
-#include "MVRunLoop.h"
-#include "TestSupport.h"
+#include "WatchTestSupport.h"
 
 namespace fs = std::filesystem;
-using quillon_test::makeTempDir;
-using quillon_test::readFile;
-using quillon_test::waitUntil;
-using quillon_test::writeFile;
+using namespace watch_test;
 
 namespace {
 
@@ -31,31 +17,13 @@ std::string slash(const std::string& path) { return path + "/"; }
 
 void append(const std::string& path, const std::string& text) { std::ofstream(path, std::ios::app) << text; }
 
-class Recorder : public MVFSEventsDelegate {
- public:
-  Recorder() { MVFSEvents::sharedController().setDelegate(this); }
-  void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
-    for (const auto& event : events)
-      records.emplace_back(*event["path"].string(), std::stoul(*event["flag"].string(), nullptr, 16));
-  }
-  bool saw(const std::string& path, unsigned long flags = 0) const {
-    for (const auto& [p, f] : records)
-      if (p == path && (f & flags) == flags) return true;
-    return false;
-  }
-  bool waitFor(const std::string& path, unsigned long flags = 0, double seconds = 7) {
-    return waitUntil([&] { return saw(path, flags); }, seconds);
-  }
-  std::vector<std::pair<std::string, unsigned long>> records;
-};
-
 // A FUSE mount of `source` at `mountPoint`, served by a bindfs daemon.
 class BindfsShare {
  public:
   BindfsShare(const std::string& source, const std::string& mountPoint) : mountPoint_(mountPoint) {
     fs::create_directories(mountPoint);
     pid_ = std::atoi(
-        quillon_test::shellOutput("bindfs -f '" + source + "' '" + mountPoint + "' >/dev/null 2>&1 & echo $!").c_str());
+        shellOutput("bindfs -f '" + source + "' '" + mountPoint + "' >/dev/null 2>&1 & echo $!").c_str());
     mounted_ = pid_ > 0 && waitUntil([&] { return mountinfo().find(" " + mountPoint + " ") != std::string::npos; }, 10);
   }
   ~BindfsShare() {
@@ -76,17 +44,11 @@ class BindfsShare {
   bool mounted_ = false;
 };
 
-std::string logText() {
-  MVLog::finishWriting();
-  return quillon_test::fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : "";
-}
-
 class PolledStream : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
-      GTEST_SKIP() << "no private mount namespace: " << std::strerror(errno);
-    if (quillon_test::shell("command -v bindfs >/dev/null") != 0) GTEST_SKIP() << "bindfs is not installed";
+    if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) GTEST_SKIP() << problem;
+    if (shell("command -v bindfs >/dev/null") != 0) GTEST_SKIP() << "bindfs is not installed";
     MVLog::createNewLog("test_MVFSEventsPoll", true);
     MVFSEvents::setBackendFactory(quillon::createInotifyBackend);
   }
@@ -106,11 +68,10 @@ TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
   writeFile(source + "/Renders/growing.mov", "first part");
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({share});
-  // Idle rounds report nothing.
-  MVRunLoop::main().runFor(4.5);
-  EXPECT_TRUE(recorder.records.empty()) << recorder.records.front().first;
+  MVRunLoop::main().runFor(2.5);  // the first scan and an idle round report nothing
+  EXPECT_TRUE(recorder.records.empty()) << recorder.records.front().path;
 
   const std::string renders = source + "/Renders";
   struct Step {
@@ -152,7 +113,7 @@ TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
 
 TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
   const std::string source = makeTempDir("nas-disk"), videos = makeTempDir("Videos");
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({videos});
   // Mounted while the folder is watched.
   BindfsShare mount(source, videos + "/NAS");
@@ -174,7 +135,7 @@ TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
   const std::string local = makeTempDir("Renders");
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({local, share});
   letFirstScanFinish();
 
@@ -195,7 +156,7 @@ TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
 TEST_F(PolledStream, PollingCanBeAskedForOnALocalFolder) {
   const std::string videos = makeTempDir("Videos");
   fs::create_directories(videos + "/Exports");
-  Recorder recorder;
+  EventRecorder recorder;
   MVFSEvents::sharedController().setPolledPaths({videos + "/Exports/"});
   MVFSEvents::sharedController().startWatchingPaths({videos});
   letFirstScanFinish();
@@ -214,15 +175,15 @@ TEST_F(PolledStream, TheAgentAnnouncesARenderWrittenByAnotherMachine) {
   const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());
-  quillon_test::NotifyingBus session;
+  NotifyingBus session;
   ASSERT_TRUE(session.ready()) << session.bus.error();
   const std::string home = makeTempDir("agent-home");
-  ASSERT_TRUE(quillon_test::writeAgentSettings(home, R"({"watchFolders": [")" + share + R"("], "notifySound": 0})"));
+  ASSERT_TRUE(writeAgentSettings(home, R"({"watchFolders": [")" + share + R"("], "notifySound": 0})"));
 
-  quillon_test::Agent agent(home);
+  Agent agent(home);
   ASSERT_TRUE(agent.waitForLog("polling " + share + " every 2 s", 1, 20)) << agent.log();
   MVRunLoop::main().runFor(2.5);  // the first scan records the share as it is
-  quillon_test::writeMovie(source + "/from-render-node.mov");
+  writeMovie(source + "/from-render-node.mov");
   EXPECT_TRUE(waitUntil([&] { return session.notified("File: from-render-node.mov") >= 1; }, 30))
       << agent.log() << session.server.log();
 }

@@ -1,24 +1,11 @@
 // Local volumes from hand-written mount tables, and real mount and unmount
-// notifications from a tmpfs mounted in this process's own private mount
-// namespace (the host's mounts are never touched; the test process keeps the
-// namespace until it exits, which is why this suite has its own executable).
-#include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <string>
-#include <vector>
-
-#include "MVLog.h"
-#include "MVRunLoop.h"
+// notifications from a tmpfs mounted in a private mount namespace that this
+// test executable keeps until it exits.
 #include "MVVolumes.h"
-#include "TestSupport.h"
 #include "VolumesMountinfo.h"
+#include "WatchTestSupport.h"
 
-using namespace quillon_test;
+using namespace watch_test;
 using Paths = std::vector<std::string>;
 
 namespace {
@@ -76,8 +63,7 @@ TEST_F(MountinfoTest, TheVolumeListStartsWithRootAndHonoursOverMounts) {
 
 TEST(MVVolumesTest, ATmpfsMountAndUnmountAreEachReportedOnce) {
   MVLog::createNewLog("test_MVVolumes", true);
-  if (::unshare(CLONE_NEWNS) != 0) GTEST_SKIP() << "no private mount namespace: " << std::strerror(errno);
-  ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << std::strerror(errno);
+  if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) GTEST_SKIP() << problem;
   quillon::installMountinfoVolumes();
 
   Paths mounted, unmounted;

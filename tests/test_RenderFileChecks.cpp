@@ -1,23 +1,14 @@
 // The file-level answers the folder check relies on: numbered stills as one
 // sequence, the atom walk of QuickTime/MPEG-4 files, and which process holds
 // a file open for writing.
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <fstream>
-#include <string>
-#include <vector>
 
-#include "AppController.h"
 #include "MVFrameSequence.h"
 #include "MVMovieAtoms.h"
 #include "MVOpenFiles.h"
-#include "TestSupport.h"
+#include "WatchTestSupport.h"
 
-using quillon_test::makeTempDir;
-using quillon_test::waitUntil;
+using namespace watch_test;
 
 namespace {
 
@@ -116,43 +107,29 @@ TEST(MovieAtoms, TellsCompleteMoviesFromBrokenOnes) {
   EXPECT_EQ(MVMovieAtoms::checkFile(folder + "/none.mov").verdict, MVMovieVerdict::Unreadable);
 }
 
-// Real processes: a shell that holds a file open for writing, then for
-// reading only; our own open descriptors never count.
+// A shell that holds a file open for writing, then for reading only; our
+// own open descriptors never count.
 TEST(OpenFiles, FindsTheProcessThatHoldsAFileOpenForWriting) {
   const std::string folder = makeTempDir("open");
-  const std::string file = folder + "/held.mov", other = folder + "/other.mov";
-  quillon_test::writeFile(file, "x");
-  quillon_test::writeFile(other, "x");
+  const std::string file = folder + "/held.mov", other = folder + "/other.mov", ready = folder + "/ready";
+  writeFile(file, "x");
+  writeFile(other, "x");
   std::ofstream ours(other, std::ios::app);
   EXPECT_FALSE(MVOpenFiles::writerOf(other)) << "the agent's own descriptors count";
   ours.close();  // a forked writer would inherit it
-
-  struct Case {
-    std::string redirect;
-    bool writing;
-  };
-  for (const Case& c : {Case{"3>>", true}, Case{"3<>", true}, Case{"3<", false}}) {
-    SCOPED_TRACE(c.redirect);
-    const std::string ready = folder + "/ready";
+  for (auto [redirect, writing] : {std::pair{"3>>", true}, {"3<>", true}, {"3<", false}}) {
+    SCOPED_TRACE(redirect);
     unlink(ready.c_str());
-    pid_t pid = fork();
-    if (pid == 0) {
-      std::string script = "exec " + c.redirect + "'" + file + "'; touch '" + ready + "'; exec sleep 30";
-      execl("/bin/sh", "sh", "-c", script.c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    ASSERT_TRUE(waitUntil([&] { return quillon_test::fileExists(ready); }, 10));
+    auto holder = std::make_unique<ChildProcess>(std::string("exec ") + redirect + "'" + file + "'; touch '" + ready + "'; exec sleep 30");
+    ASSERT_TRUE(waitUntil([&] { return fileExists(ready); }, 10));
     auto writer = MVOpenFiles::writerOfAnyOf({folder + "/missing.mov", other, file});
-    if (c.writing) {
-      ASSERT_TRUE(writer);
-      EXPECT_EQ(writer->pid, pid);
+    ASSERT_EQ(writer.has_value(), writing);
+    if (writer) {
+      EXPECT_EQ(writer->pid, holder->pid());
       EXPECT_EQ(writer->command, "sleep");
       EXPECT_EQ(writer->path, file);
-    } else {
-      EXPECT_FALSE(writer);
     }
-    kill(pid, SIGKILL);
-    waitpid(pid, nullptr, 0);
+    holder.reset();
     EXPECT_FALSE(MVOpenFiles::writerOf(file));
   }
 }

@@ -1,23 +1,14 @@
-// The Final Cut Pro, Premiere and Media Encoder watchers on the controller:
-// hand-made preference files lead them to the folders they watch with real
-// inotify, and renders written there are announced with the right type.
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <vector>
-
+// The Final Cut Pro, Premiere and Media Encoder watchers: hand-made
+// preference files lead them to the folders they watch with real inotify,
+// and renders written there are announced with the right type.
 #include "FSEventsInotify.h"
 #include "MVFCPPrefParser.h"
 #include "MVLocalPaths.h"
 #include "MVPremierePrefParser.h"
-#include "MVRunLoop.h"
+#include "WatchTestSupport.h"
 #include "WatchersTesting.h"
-#include "RenderSourcesTestSupport.h"
 
-using namespace quillon_test;
-using namespace render_sources_test;
+using namespace watch_test;
 namespace fs = std::filesystem;
 
 namespace {
@@ -35,8 +26,6 @@ class RenderSourcesTest : public ::testing::Test {
   }
 };
 
-// --- Final Cut Pro -----------------------------------------------------
-
 std::string pascal(const std::string& s) { return std::string(1, static_cast<char>(s.size())) + s; }
 
 // A binary preference file holding one render location, as Final Cut stores
@@ -50,52 +39,32 @@ std::string fcsetWithRenderFolder(const std::string& classicPath) {
          std::string(4, '\0') + binary + settings;
 }
 
-// "/tmp/x/Media" on the boot volume "Macintosh HD" is "Macintosh HD:tmp:x:Media".
-std::string classicPath(const std::string& posixPath) {
-  std::string classic = "Macintosh HD";
-  for (const auto& part : fs::path(posixPath).relative_path()) classic += ":" + part.string();
-  return classic;
-}
-
 void writeFCPPreferences(const std::string& path, const std::string& renderBase, fs::file_time_type modified) {
-  writeFile(path, fcsetWithRenderFolder(classicPath(renderBase)));
+  std::string classic = "Macintosh HD";  // "/tmp/x" on the boot volume is "Macintosh HD:tmp:x"
+  for (const auto& part : fs::path(renderBase).relative_path()) classic += ":" + part.string();
+  writeFile(path, fcsetWithRenderFolder(classic));
   fs::last_write_time(path, modified);
 }
 
 std::string finalCutProApplication() {
   std::string applications = makeTempDir("Applications");
   writeFile(applications + "/Final Cut Pro.app/Contents/Info.plist",
-            "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-            "<plist version=\"1.0\"><dict>\n"
-            "<key>CFBundleIdentifier</key><string>com.apple.FinalCutPro</string>\n"
-            "<key>CFBundleShortVersionString</key><string>7.0.3</string>\n"
-            "</dict></plist>\n");
+            "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict>"
+            "<key>CFBundleIdentifier</key><string>com.apple.FinalCutPro</string>"
+            "<key>CFBundleShortVersionString</key><string>7.0.3</string></dict></plist>\n");
   return applications;
-}
-
-// --- Premiere ----------------------------------------------------------
-
-std::string premierePreferencesPath() {
-  return MVLocalPaths::appSupportDirectory(true) + "/Adobe/Premiere Pro/7.0/Adobe Premiere Pro Prefs";
 }
 
 void writePremierePreferences(const std::vector<std::string>& recentProjects) {
   std::string recent;
   for (std::size_t i = 0; i < recentProjects.size(); ++i) {
     std::string key = "BE.Prefs.MRU.Document." + std::to_string(i);
-    recent += "      <" + key + ">" + recentProjects[i] + "</" + key + ">\n";
+    recent += "<" + key + ">" + recentProjects[i] + "</" + key + ">\n";
   }
-  writeFile(premierePreferencesPath(),
-            "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n"
-            "<PremiereData Version=\"3\">\n"
-            "  <Preferences ObjectID=\"1\" Version=\"12\">\n"
-            "    <Properties Version=\"1\">\n"
-            "      <BE.Prefs.General.AutoSave.Enabled>true</BE.Prefs.General.AutoSave.Enabled>\n" +
-                recent +
-                "      <BE.Prefs.MRU.Count>8</BE.Prefs.MRU.Count>\n"
-                "    </Properties>\n"
-                "  </Preferences>\n"
-                "</PremiereData>\n");
+  writeFile(MVLocalPaths::appSupportDirectory(true) + "/Adobe/Premiere Pro/7.0/Adobe Premiere Pro Prefs",
+            "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<PremiereData Version=\"3\">\n"
+            "<Preferences ObjectID=\"1\" Version=\"12\"><Properties Version=\"1\">\n" + recent +
+            "<BE.Prefs.MRU.Count>8</BE.Prefs.MRU.Count>\n</Properties></Preferences></PremiereData>\n");
 }
 
 std::string makeProject(const std::string& folder, const std::string& name) {
@@ -105,14 +74,9 @@ std::string makeProject(const std::string& folder, const std::string& name) {
   return project;
 }
 
-// --- Media Encoder -----------------------------------------------------
-
 std::string utf16LE(const std::string& ascii) {
   std::string bytes;
-  for (char c : ascii) {
-    bytes += c;
-    bytes += '\0';
-  }
+  for (char c : ascii) bytes += std::string{c, '\0'};
   return bytes;
 }
 
@@ -123,14 +87,13 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   enableOnly("watchFCPRenders");
   const std::string prefsFolder = MVLocalPaths::prefsDirectory(true) + "/Final Cut Pro User Data";
 
-  // Without Final Cut Pro's preferences its default render folder is watched.
+  // Without Final Cut Pro's preferences its default render folder is watched;
+  // with them, the one the user picked, and the preference folder.
   MVFCPPrefParser::setApplicationsFolderForTesting(makeTempDir("No Applications"));
   controller().setup();
   EXPECT_EQ(controller().fcpRenderPath(),
             MVLocalPaths::documentDirectory(true) + "/Final Cut Pro Documents/Render Files");
 
-  // With them, the render folder the user picked is watched, together with
-  // the preference folder.
   MVFCPPrefParser::setApplicationsFolderForTesting(finalCutProApplication());
   const std::string prefsFile = prefsFolder + "/Final Cut Pro 7.0 Prefs.fcset";
   const std::string scratch = makeTempDir("Final Cut Media");
@@ -142,7 +105,6 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   ASSERT_EQ(controller().fcpRenderPath(), renderFolder);
   EXPECT_TRUE(isWatched(prefsFolder));
   EXPECT_TRUE(isWatched(renderFolder));
-  EXPECT_EQ(countInLog("Watching FCP render folder " + renderFolder), 1u);
 
   // A render in a project's subfolder is announced with the project's name.
   const std::string render = renderFolder + "/Documentary Cut/Sequence 1-0000001.mov";
@@ -151,9 +113,8 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   EXPECT_EQ(announced(render, "type"), "fcpRender");
   EXPECT_EQ(announced(render, "projectName"), "Documentary Cut");
 
-  // Choosing another render folder is noticed through the preference
-  // folder, but Final Cut Pro rewrites it often, so it is looked at again at
-  // most every 30 seconds.
+  // Another render folder is noticed through the preference folder, which
+  // Final Cut Pro rewrites often: it is read again at most every 30 seconds.
   const std::string eventInPrefs = "path = " + prefsFolder + "/;";
   const std::size_t eventsBefore = countInLog(eventInPrefs);
   const std::string newScratch = makeTempDir("Newer Media");
@@ -166,15 +127,6 @@ TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollo
   const std::string newRenderFolder = newScratch + "/Render Files";
   ASSERT_TRUE(waitUntil([&] { return controller().fcpRenderPath() == newRenderFolder; }, 10));
   EXPECT_TRUE(isWatched(newRenderFolder));
-
-  // A render straight in the render folder belongs to no project.
-  fs::create_directories(newRenderFolder);
-  MVRunLoop::main().runFor(0.3);
-  const std::string looseRender = newRenderFolder + "/Untitled-0000001.mov";
-  writeRender(looseRender);
-  ASSERT_TRUE(waitForAnnouncement(looseRender));
-  EXPECT_EQ(announced(looseRender, "type"), "fcpRender");
-  EXPECT_EQ(announced(looseRender, "projectName"), "");
 
   MVFCPPrefParser::setApplicationsFolderForTesting(std::nullopt);
   MVFCPPrefParser::setBootVolumeNameForTesting(std::nullopt);
@@ -227,21 +179,16 @@ TEST_F(RenderSourcesTest, PremierePreviewFoldersComeFromRecentProjectsAndAreRefr
 
 TEST_F(RenderSourcesTest, MediaEncoderQueueLogIsAnnouncedWhenItsQueueStopped) {
   enableOnly("watchAMEQueue");
-  const std::size_t listedBefore = countInLog("AME paths:");
   controller().setup();
-  EXPECT_TRUE(MVFSEvents::sharedController().watchPaths().empty());
-  EXPECT_EQ(countInLog("AME paths:"), listedBefore);
+  EXPECT_TRUE(MVFSEvents::sharedController().watchPaths().empty()) << "no encoder folder yet";
 
   const std::string inPrefs = MVLocalPaths::prefsDirectory(true) + "/Adobe/Adobe Media Encoder/12.0";
   const std::string inDocuments = MVLocalPaths::documentDirectory(true) + "/Adobe/Adobe Media Encoder/12.0";
   const std::string olderInDocuments = MVLocalPaths::documentDirectory(true) + "/Adobe/Adobe Media Encoder/11.0";
   for (const std::string& folder : {inPrefs, inDocuments, olderInDocuments}) fs::create_directories(folder);
   controller().setup();
-  std::vector<std::string> watched = MVFSEvents::sharedController().watchPaths();
-  ASSERT_EQ(watched.size(), 3u);
-  EXPECT_EQ(watched.front(), inPrefs);
-  EXPECT_TRUE(isWatched(inDocuments));
-  EXPECT_TRUE(isWatched(olderInDocuments));
+  EXPECT_EQ(MVFSEvents::sharedController().watchPaths(),
+            (std::vector<std::string>{inPrefs, olderInDocuments, inDocuments}));
 
   // Only the log of the first folder ends the right way: the others end in
   // lower case, or were written as UTF-8 (an odd number of bytes, which no

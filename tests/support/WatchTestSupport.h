@@ -1,0 +1,258 @@
+// Shared pieces of the watcher tests: what the event stream delivers, a
+// private mount namespace, file dates, child processes, a recording desktop,
+// and the controller with its announcements as read back from its log.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "AppController.h"
+#include "MVFSEvents.h"
+#include "MVGrowl.h"
+#include "MVLog.h"
+#include "MVRunLoop.h"
+#include "MVSound.h"
+#include "MVWorkspace.h"
+#include "QuillonPreferences.h"
+#include "TestSupport.h"
+
+namespace watch_test {
+
+using namespace quillon_test;
+
+struct Delivered {
+  std::uint64_t id;
+  std::string path;
+  std::uint32_t flags;
+  MVPlistValue::Date date;
+  std::size_t batch;
+};
+
+// Becomes the event stream's delegate and keeps every record it is handed.
+class EventRecorder : public MVFSEventsDelegate {
+ public:
+  EventRecorder() { MVFSEvents::sharedController().setDelegate(this); }
+  ~EventRecorder() override { MVFSEvents::sharedController().setDelegate(nullptr); }
+  void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
+    batchTimes.push_back(std::chrono::steady_clock::now());
+    for (const auto& e : events)
+      records.push_back({static_cast<std::uint64_t>(e["id"].integerValue()), *e["path"].string(),
+                         static_cast<std::uint32_t>(std::stoul(*e["flag"].string(), nullptr, 16)), *e["date"].date(),
+                         batchTimes.size() - 1});
+  }
+  bool saw(const std::string& path, std::uint32_t flags = 0) const {
+    return std::any_of(records.begin(), records.end(),
+                       [&](const Delivered& r) { return r.path == path && (r.flags & flags) == flags; });
+  }
+  bool sawBelow(const std::string& folder) const {
+    return std::any_of(records.begin(), records.end(), [&](const Delivered& r) { return r.path.rfind(folder, 0) == 0; });
+  }
+  bool waitFor(const std::string& path, std::uint32_t flags = 0, double seconds = 7) {
+    return waitUntil([&] { return saw(path, flags); }, seconds);
+  }
+  // Turns the loop past the stream's latency, then forgets what came.
+  void settleAndClear(double seconds = 1.2) {
+    MVRunLoop::main().runFor(seconds);
+    records.clear();
+  }
+
+  std::vector<Delivered> records;
+  std::vector<std::chrono::steady_clock::time_point> batchTimes;
+};
+
+// Moves this thread, and what it starts later, into a mount namespace of its
+// own, so no mount made here is seen by the host; "" or why it failed.
+inline std::string enterPrivateMountNamespace() {
+  if (unshare(CLONE_NEWNS) != 0) return std::string("unshare: ") + std::strerror(errno);
+  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+    return std::string("make / private: ") + std::strerror(errno);
+  return {};
+}
+
+inline void setModified(const std::string& path, std::chrono::system_clock::time_point when) {
+  auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(when.time_since_epoch()).count();
+  timespec times[2];
+  times[0].tv_sec = times[1].tv_sec = static_cast<time_t>(ns / 1000000000);
+  times[0].tv_nsec = times[1].tv_nsec = static_cast<long>(ns % 1000000000);
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
+}
+
+inline void setAge(const std::string& path, std::chrono::seconds age) {
+  setModified(path, std::chrono::system_clock::now() - age);
+}
+
+// A bash command line in a process group of its own (`$0` is `name`, as
+// `ps` shows it after `exec -a "$0"`); killed with its children at the end.
+class ChildProcess {
+ public:
+  explicit ChildProcess(const std::string& script, const std::string& name = "bash") {
+    pid_ = fork();
+    if (pid_ == 0) {
+      setpgid(0, 0);
+      execl("/bin/bash", "bash", "-c", script.c_str(), name.c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
+  }
+  ~ChildProcess() {
+    if (running()) kill(-pid_, SIGKILL), kill(pid_, SIGKILL);
+    if (!ended_ && pid_ > 0) waitpid(pid_, nullptr, 0);
+  }
+  pid_t pid() const { return pid_; }
+  // Reaps the process once it ended and notes when.
+  bool running() {
+    if (!ended_ && waitpid(pid_, &status_, WNOHANG) == pid_) ended_ = std::chrono::steady_clock::now();
+    return pid_ > 0 && !ended_;
+  }
+  std::chrono::steady_clock::time_point ended() const { return *ended_; }
+  int status() const { return status_; }
+
+ private:
+  pid_t pid_ = -1;
+  int status_ = 0;
+  std::optional<std::chrono::steady_clock::time_point> ended_;
+};
+
+// The desktop the agent talks to, recording the notifications it shows and
+// the files it reveals (every announced watch-folder file is revealed, even
+// a quiet one); sounds end at once. Installed for its lifetime.
+class RecordingDesktop {
+ public:
+  struct Revealed {
+    std::string path;
+    std::uintmax_t size;
+    std::chrono::steady_clock::time_point when;
+  };
+  RecordingDesktop() {
+    MVGrowl::defaultController();
+    previous_ = {MVUserNotificationCenter::setBackend(backend_), MVSound::setBackend(backend_),
+                 MVWorkspace::setBackend(backend_)};
+  }
+  ~RecordingDesktop() {
+    MVUserNotificationCenter::setBackend(std::get<0>(previous_));
+    MVSound::setBackend(std::get<1>(previous_));
+    MVWorkspace::setBackend(std::get<2>(previous_));
+  }
+  std::vector<Revealed> revealed() const { return backend_->get(backend_->revealed); }
+  std::vector<std::string> revealedPaths() const {
+    std::vector<std::string> paths;
+    for (const Revealed& r : revealed()) paths.push_back(r.path);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+  }
+  // "title|text" of each notification.
+  std::vector<std::string> notifications() const { return backend_->get(backend_->notes); }
+  void clear() {
+    std::lock_guard<std::mutex> lock(backend_->mutex);
+    backend_->revealed.clear();
+    backend_->notes.clear();
+  }
+
+ private:
+  struct Backend : MVWorkspace::Backend, MVUserNotificationCenter::Backend, MVSound::Backend {
+    bool selectFile(const std::string& path, const std::string&) override {
+      std::error_code ec;
+      std::lock_guard<std::mutex> lock(mutex);
+      revealed.push_back({path, std::filesystem::file_size(path, ec), std::chrono::steady_clock::now()});
+      return true;
+    }
+    void deliverNotification(const MVUserNotification& n) override {
+      std::lock_guard<std::mutex> lock(mutex);
+      notes.push_back(n.title + "|" + n.informativeText);
+    }
+    void play(const std::string&, MVSound::Completion done) override {
+      MVRunLoop::main().performOnMainThread([done] { done(true); }, false);
+    }
+    template <typename T>
+    T get(const T& list) {
+      std::lock_guard<std::mutex> lock(mutex);
+      return list;
+    }
+    std::mutex mutex;
+    std::vector<Revealed> revealed;
+    std::vector<std::string> notes;
+  };
+  std::shared_ptr<Backend> backend_ = std::make_shared<Backend>();
+  std::tuple<std::shared_ptr<MVUserNotificationCenter::Backend>, std::shared_ptr<MVSound::Backend>,
+             std::shared_ptr<MVWorkspace::Backend>>
+      previous_;
+};
+
+// Like the agent's own, the controller lives for the whole process: the
+// post-render actions it starts run on detached threads that may outlast a
+// test, so it is never destroyed.
+inline AppController& controller() {
+  alignas(AppController) static unsigned char storage[sizeof(AppController)];
+  static AppController* shared = ::new (storage) AppController();
+  return *shared;
+}
+
+inline void setSetting(const std::string& key, const MVPlistValue& value) { QuillonPreferences::setObject(value, key); }
+
+// Only the watcher under test is on, and announcements stay quiet, so that
+// only the controller's bookkeeping and log tell what happened.
+inline void enableOnly(const std::string& watcherKey) {
+  for (const char* key : {"watchQmaster", "watchFCPRenders", "watchAvidRenders", "watchAMEQueue", "watchPremiereRenders"})
+    setSetting(key, key == watcherKey ? 1 : 0);
+  setSetting("watchFolders", MVPlistValue(MVPlistValue::Array{}));
+  for (const char* key : {"notifyGrowl", "notifySound", "logoutAction"}) setSetting(key, 0);
+}
+
+// A render large enough to pass the size floor, written in one go.
+inline void writeRender(const std::string& path, std::size_t bytes = 200 * 1024) {
+  writeFile(path, std::string(bytes, 'r'));
+}
+
+inline bool isWatched(const std::string& path) {
+  std::vector<std::string> paths = MVFSEvents::sharedController().watchPaths();
+  return std::find(paths.begin(), paths.end(), path) != paths.end();
+}
+
+inline std::string logText() {
+  MVLog::finishWriting();
+  return fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : "";
+}
+
+inline std::size_t countInLog(const std::string& text) { return timesIn(logText(), text); }
+
+// A field of the render description announced for `path` (its "Render
+// finished: {...}" log line); "" when absent, "-" when not announced at all.
+inline std::string announced(const std::string& path, const std::string& field) {
+  std::string log = logText();
+  std::size_t at = log.find("\n    fullPath = " + path + ";\n");
+  if (at == std::string::npos) return "-";
+  std::size_t begin = log.rfind("Render finished: {", at), end = log.find("\n}", at);
+  std::size_t value = log.find("\n    " + field + " = ", begin);
+  if (value == std::string::npos || value > end) return "";
+  value = log.find(" = ", value) + 3;
+  return log.substr(value, log.find(";\n", value) - value);
+}
+
+inline bool waitForAnnouncement(const std::string& path, double seconds = 20) {
+  return waitUntil([&] { return controller().recentFiles()->count(path) != 0; }, seconds);
+}
+
+// Turns the loop until no folder check is pending or waiting for events.
+inline bool waitForFolderChecks(double seconds = 20) {
+  return waitUntil([] { return !controller().hasPendingFolderCheck() && controller().currentFolders()->empty(); },
+                   seconds);
+}
+
+}  // namespace watch_test
