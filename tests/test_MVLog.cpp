@@ -15,9 +15,7 @@
 #include "MVPropertyList.h"
 #include "TestSupport.h"
 
-using quillon_test::fileExists;
-using quillon_test::readFile;
-using quillon_test::writeFile;
+using namespace quillon_test;
 
 namespace fs = std::filesystem;
 
@@ -273,10 +271,10 @@ TEST_F(MVLogTest, CaughtExceptionsAreLoggedWithNameAndReason) {
 TEST(MVLogDeathTest, EscapingExceptionIsLoggedBeforeAbort) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // The child, a fresh run with a home of its own, writes into this process's home.
-  setenv("QUILLON_LOG_PARENT_HOME", quillon_test::testHome().c_str(), 0);
+  setenv("QUILLON_LOG_PARENT_HOME", testHome().c_str(), 0);
   const std::string parentHome = getenv("QUILLON_LOG_PARENT_HOME");
   auto escape = [&] {
-    if (quillon_test::testHome() != parentHome) fs::remove_all(quillon_test::testHome());
+    if (testHome() != parentHome) fs::remove_all(testHome());
     setenv("HOME", parentHome.c_str(), 1);
     MVLog::overrideRunningAsRoot(false);
     MVLog::createNewLog("Crash", true);
