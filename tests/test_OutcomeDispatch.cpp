@@ -31,68 +31,41 @@ using Calls = std::vector<std::string>;
 
 namespace {
 
-// Every call the fakes receive, in order, as one line each.
-class CallLog {
+// The desktop as the controller sees it: every call, in order, one line
+// each. Sounds end at once (on the main thread, as the real ones do) unless held.
+class FakeDesktop : public MVUserNotificationCenter::Backend, public MVSound::Backend, public MVWorkspace::Backend {
  public:
-  void add(std::string call) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.push_back(std::move(call));
-  }
   Calls take() {
     std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(calls_, {});
   }
-
- private:
-  std::mutex mutex_;
-  Calls calls_;
-};
-
-class FakeNotifications : public MVUserNotificationCenter::Backend {
- public:
-  explicit FakeNotifications(CallLog& log) : log_(log) {}
   void deliverNotification(const MVUserNotification& n) override {
-    log_.add("notify:" + n.title + "|" + n.informativeText + "|" + n.iconPath);
+    add("notify:" + n.title + "|" + n.informativeText + "|" + n.iconPath);
   }
-
- private:
-  CallLog& log_;
-};
-
-// Sounds end at once (on the main thread, as the real ones do) unless held.
-class FakeSound : public MVSound::Backend {
- public:
-  explicit FakeSound(CallLog& log) : log_(log) {}
   void play(const std::string& name, MVSound::Completion onFinished) override {
-    log_.add("sound:" + name);
-    if (hold) {
+    add("sound:" + name);
+    if (hold)
       held.push_back(std::move(onFinished));
-      return;
-    }
-    MVRunLoop::main().performOnMainThread([done = std::move(onFinished)] { done(true); }, false);
+    else
+      MVRunLoop::main().performOnMainThread([done = std::move(onFinished)] { done(true); }, false);
   }
-  bool hold = false;
-  std::vector<MVSound::Completion> held;
-
- private:
-  CallLog& log_;
-};
-
-class FakeWorkspace : public MVWorkspace::Backend {
- public:
-  explicit FakeWorkspace(CallLog& log) : log_(log) {}
   bool selectFile(const std::string& path, const std::string& root) override { return add("reveal:" + path + " in " + root); }
   bool openFile(const std::string& path) override { return add("open:" + path); }
   bool openFile(const std::string& path, const std::string& app) override { return add("open:" + path + " with " + app); }
   std::string frontmostApplicationName() override { return "Finder"; }
   std::string iconForFile(const std::string& path) override { return "icon-of:" + path; }
 
+  bool hold = false;
+  std::vector<MVSound::Completion> held;
+
  private:
   bool add(std::string call) {
-    log_.add(std::move(call));
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.push_back(std::move(call));
     return true;
   }
-  CallLog& log_;
+  std::mutex mutex_;
+  Calls calls_;
 };
 
 using Settings = std::vector<std::pair<std::string, MVPlistValue>>;
@@ -121,9 +94,9 @@ class OutcomeDispatch : public ::testing::Test {
   void SetUp() override {
     std::filesystem::remove(MVGlobalPreferences::path());
     MVGrowl::defaultController();
-    previousCenter_ = MVUserNotificationCenter::setBackend(std::make_shared<FakeNotifications>(calls));
-    previousSound_ = MVSound::setBackend(sound);
-    previousWorkspace_ = MVWorkspace::setBackend(std::make_shared<FakeWorkspace>(calls));
+    previousCenter_ = MVUserNotificationCenter::setBackend(desktop);
+    previousSound_ = MVSound::setBackend(desktop);
+    previousWorkspace_ = MVWorkspace::setBackend(desktop);
     folder = makeTempDir("renders");
     // Never destroyed: a detached post-render worker may still hold it. Kept
     // in a list, so that the leak checker sees it as still in use.
@@ -157,8 +130,7 @@ class OutcomeDispatch : public ::testing::Test {
   }
   static std::size_t lines(const std::string& path) { return quillon_test::timesIn(readFile(path), "\n"); }
 
-  CallLog calls;
-  std::shared_ptr<FakeSound> sound = std::make_shared<FakeSound>(calls);
+  std::shared_ptr<FakeDesktop> desktop = std::make_shared<FakeDesktop>();
   std::string folder;
   AppController* controller = nullptr;
   AppController::Date now;
@@ -173,12 +145,8 @@ class OutcomeDispatch : public ::testing::Test {
 TEST_F(OutcomeDispatch, EachKindOfRenderRunsTheChosenActionsInOrder) {
   std::string script = folder + "/after render.py";
   writeFile(script, "print('done')\n");
-  writeSettings({{"notifyFinder", 1},
-                 {"notifyQuickTime", 1},
-                 {"notifySendToApp", 1},
-                 {"sendToAppPath", "/opt/Editor/editor"},
-                 {"notifyRunScript", 1},
-                 {"scriptPath", script}});
+  writeSettings({{"notifyFinder", 1}, {"notifyQuickTime", 1}, {"notifySendToApp", 1},
+                 {"sendToAppPath", "/opt/Editor/editor"}, {"notifyRunScript", 1}, {"scriptPath", script}});
   const std::string d = folder;
 
   struct Case { const char* label; MVPlistValue render; Calls expected; bool failed = false; };
@@ -230,7 +198,7 @@ TEST_F(OutcomeDispatch, EachKindOfRenderRunsTheChosenActionsInOrder) {
       controller->renderDidFail(c.render);
     else
       controller->renderDidFinishSuccessfully(c.render);
-    EXPECT_EQ(calls.take(), c.expected);
+    EXPECT_EQ(desktop->take(), c.expected);
     EXPECT_EQ(log.count(c.failed ? "Render failed: " : "Render finished: "), 1u);
     EXPECT_EQ(log.count("Render complete"), c.failed ? 0u : 1u);
   }
@@ -256,7 +224,7 @@ TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) 
     controller->setLastNotificationShown(std::nullopt);
     controller->renderDidFinishSuccessfully(watchRender("clip.mov"));
     // Each render is a new write of the file, so none is a repeat.
-    Calls got = calls.take();
+    Calls got = desktop->take();
     auto has = [&](const std::string& prefix) {
       return std::any_of(got.begin(), got.end(), [&](const std::string& call) { return call.rfind(prefix, 0) == 0; });
     };
@@ -271,7 +239,7 @@ TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) 
   writeSettings({{"notifySendToApp", 1}, {"notifyGrowl", 0}, {"notifySound", 0}});
   controller->setLastNotificationShown(std::nullopt);
   controller->renderDidFinishSuccessfully(watchRender("lonely.mov"));
-  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_EQ(desktop->take(), Calls{});
 }
 
 TEST_F(OutcomeDispatch, RepeatGuardSilencesOnlyTheSignalsOfASuccessAndDropsAFailure) {
@@ -283,13 +251,13 @@ TEST_F(OutcomeDispatch, RepeatGuardSilencesOnlyTheSignalsOfASuccessAndDropsAFail
 
   LogReader log;
   controller->renderDidFinishSuccessfully(watchRender("first.mov"));
-  EXPECT_EQ(calls.take(), (Calls{"notify:Render Complete|File: first.mov|icon-of:" + folder, "sound:Glass"}));
+  EXPECT_EQ(desktop->take(), (Calls{"notify:Render Complete|File: first.mov|icon-of:" + folder, "sound:Glass"}));
   ASSERT_TRUE(waitUntil([&] { return lines(output) == 1; }, 10)) << "the script did not run through bash";
 
   // Three seconds later: no notification and no sound, but the script runs.
   now = start + 3s;
   controller->renderDidFinishSuccessfully(watchRender("second.mov"));
-  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_EQ(desktop->take(), Calls{});
   EXPECT_TRUE(waitUntil([&] { return lines(output) == 2; }, 10)) << "a quiet success must still run the script";
   EXPECT_EQ(log.count("Last notification completed less than 5 seconds ago... skipping"), 1u);
   EXPECT_EQ(log.count("Render complete"), 2u);
@@ -301,19 +269,19 @@ TEST_F(OutcomeDispatch, RepeatGuardSilencesOnlyTheSignalsOfASuccessAndDropsAFail
   // time of the last outcome alone.
   now = start + 6s;
   controller->renderDidFail(watchRender("failed.mov"));
-  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_EQ(desktop->take(), Calls{});
   EXPECT_EQ(controller->lastNotificationShown(), start + 3s);
   EXPECT_FALSE(controller->isFileRepeated(folder + "/failed.mov")) << "a dropped failure records nothing";
 
   // Exactly five seconds after the last outcome is no longer a repeat.
   now = start + 8s;
   controller->renderDidFail(watchRender("failed.mov"));
-  EXPECT_EQ(calls.take(), (Calls{"notify:Render Failed|File: failed.mov|icon-of:" + folder, "sound:Sosumi"}));
+  EXPECT_EQ(desktop->take(), (Calls{"notify:Render Failed|File: failed.mov|icon-of:" + folder, "sound:Sosumi"}));
   EXPECT_EQ(controller->lastNotificationShown(), start + 8s);
 
   now = start + 12s + 990ms;
   controller->renderDidFinishSuccessfully(watchRender("third.mov"));
-  EXPECT_EQ(calls.take(), Calls{});
+  EXPECT_EQ(desktop->take(), Calls{});
   EXPECT_TRUE(waitUntil([&] { return lines(output) == 3; }, 10));
   MVRunLoop::main().runFor(0.3);
   EXPECT_EQ(lines(output), 3u) << "failures never run the script";
@@ -327,7 +295,7 @@ TEST_F(OutcomeDispatch, AnItemIsAnnouncedOnceUntilItChanges) {
       controller->renderDidFinishSuccessfully(r);
     else
       controller->renderDidFail(r);
-    return calls.take().size();
+    return desktop->take().size();
   };
   MVPlistValue movie = watchRender("once.mov");
   EXPECT_EQ(announce(movie), 2u);
@@ -378,7 +346,7 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
     controller->setLastNotificationShown(std::nullopt);
     LogReader log;
     controller->renderDidFinishSuccessfully(c.render);
-    Calls got = calls.take();
+    Calls got = desktop->take();
     if (c.skipMessage) {
       EXPECT_EQ(got, Calls{});
       EXPECT_EQ(log.count(c.skipMessage), 1u);
@@ -387,7 +355,7 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
       frontmost = "Finder";
       controller->setLastNotificationShown(std::nullopt);
       controller->renderDidFinishSuccessfully(c.render);
-      EXPECT_EQ(calls.take(), Calls{}) << "a skipped render was announced later";
+      EXPECT_EQ(desktop->take(), Calls{}) << "a skipped render was announced later";
     } else {
       EXPECT_GE(got.size(), 2u);
       EXPECT_EQ(log.count("currently active...skipping"), 0u);
@@ -397,13 +365,13 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
   frontmost = "Final Cut Pro";
   controller->setLastNotificationShown(std::nullopt);
   controller->renderDidFail(of("fcpRender"));
-  EXPECT_EQ(calls.take().size(), 2u);
+  EXPECT_EQ(desktop->take().size(), 2u);
 }
 
 TEST_F(OutcomeDispatch, WaitForAsyncJobsFollowsTheSoundsStillPlaying) {
   writeSettings({});
   // Each sound is one job until it ends.
-  sound->hold = true;
+  desktop->hold = true;
   controller->renderDidFinishSuccessfully(watchRender("one.mov"));
   now += 10s;
   controller->renderDidFail(watchRender("two.mov"));
@@ -416,7 +384,7 @@ TEST_F(OutcomeDispatch, WaitForAsyncJobsFollowsTheSoundsStillPlaying) {
   EXPECT_EQ(log.count("Jobs remaining: 2"), 1u);
 
   // The endings arrive through the main loop while the wait turns it.
-  auto held = std::move(sound->held);
+  auto held = std::move(desktop->held);
   ASSERT_EQ(held.size(), 2u);
   auto finishOne = MVRunLoop::main().scheduleTimer(0.1, false, [&] { held[0](true); });
   auto finishOther = MVRunLoop::main().scheduleTimer(0.2, false, [&] { held[1](false); });
