@@ -155,18 +155,16 @@ TEST_F(Push, EachServiceGetsTheRequestItDocumentsWithTheEmailTexts) {
 
   for (const auto& result : PushTargets::send(urls, m)) EXPECT_TRUE(result.sent) << result.target << ": " << result.detail;
 
-  const auto requests = server_->requests();
   for (const auto& row : rows) {
     SCOPED_TRACE(row.method + " " + row.path);
-    const PushRequest* found = nullptr;
-    for (const auto& r : requests) {
-      bool prefix = row.path.back() == '*';
-      std::string want = prefix ? row.path.substr(0, row.path.size() - 1) : row.path;
-      if (r.method == row.method && (prefix ? r.path.rfind(want, 0) == 0 : r.path == want)) found = &r;
-    }
-    ASSERT_NE(found, nullptr) << "requests:\n" << [&] { std::string t; for (auto& r : requests) t += r.text(); return t; }();
-    for (const auto& header : row.headers) EXPECT_TRUE(found->hasHeader(header)) << header << "\n" << found->text();
-    for (const auto& [key, value] : row.fields) EXPECT_EQ(found->fields.count(key) ? found->fields.at(key) : "<none>", value) << key;
+    const bool prefix = row.path.back() == '*';
+    std::vector<PushRequest> sent;
+    for (const auto& r : server_->requests())
+      if (r.method == row.method && (prefix ? r.path.starts_with(row.path.substr(0, row.path.size() - 1)) : r.path == row.path))
+        sent.push_back(r);
+    ASSERT_EQ(sent.size(), 1u);
+    for (const auto& header : row.headers) EXPECT_TRUE(sent[0].hasHeader(header)) << header << "\n" << sent[0].text();
+    for (const auto& [key, value] : row.fields) EXPECT_EQ(sent[0].fields.count(key) ? sent[0].fields.at(key) : "<none>", value) << key;
   }
 
   // One line per target, each naming the target only by its masked form.

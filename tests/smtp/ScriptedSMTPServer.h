@@ -1,11 +1,9 @@
-// A scripted SMTP peer for the session tests: a thread with a listening
-// socket on 127.0.0.1 that answers each client line from a reply function.
-//
-// Reply mini-language: the returned text is sent as it stands, except that
-// "|" marks a 200 ms pause (the text before it arrives in its own read) and a
-// trailing "#close" closes the connection after sending. An empty reply sends
-// nothing. After a reply that starts with "354" the server collects the
-// message text up to "\r\n.\r\n" and then asks for the reply to the line ".".
+// A scripted SMTP peer: a thread listening on 127.0.0.1 that answers each
+// client line from a reply function. A reply is sent as it stands, except
+// that "|" marks a 200 ms pause (the text before it arrives in its own read)
+// and a trailing "#close" hangs up after sending; an empty reply sends
+// nothing. After a "354" reply the message text, up to "\r\n.\r\n", counts as
+// the one line ".".
 #pragma once
 
 #include <netinet/in.h>
@@ -61,9 +59,8 @@ class ScriptedSMTPServer {
  private:
   bool waitReadable(int fd) {
     pollfd p{fd, POLLIN, 0};
-    while (!stop_) {
+    while (!stop_)
       if (::poll(&p, 1, 20) > 0) return true;
-    }
     return false;
   }
 
@@ -79,15 +76,12 @@ class ScriptedSMTPServer {
 
   // Sends a reply; false when it asked to close.
   bool sendReply(int client, std::string reply) {
-    bool close = false;
-    if (reply.size() >= 6 && reply.compare(reply.size() - 6, 6, "#close") == 0) {
-      close = true;
-      reply.resize(reply.size() - 6);
-    }
+    const bool close = reply.ends_with("#close");
+    if (close) reply.resize(reply.size() - 6);
     std::size_t start = 0;
     while (true) {
       std::size_t bar = reply.find('|', start);
-      std::string piece = reply.substr(start, bar == std::string::npos ? std::string::npos : bar - start);
+      std::string piece = reply.substr(start, bar - start);
       if (!piece.empty() && ::send(client, piece.data(), piece.size(), MSG_NOSIGNAL) < 0) return false;
       if (bar == std::string::npos) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -110,21 +104,12 @@ class ScriptedSMTPServer {
       }
       pending.append(buffer, static_cast<std::size_t>(n));
       while (true) {
-        std::string line;
-        if (inData) {
-          std::size_t end = pending.find("\r\n.\r\n");
-          if (end == std::string::npos) break;
-          pending.erase(0, end + 5);
-          inData = false;
-          line = ".";
-        } else {
-          std::size_t end = pending.find("\r\n");
-          if (end == std::string::npos) break;
-          line = pending.substr(0, end);
-          pending.erase(0, end + 2);
-        }
-        std::string reply = reply_(line);
-        if (reply.rfind("354", 0) == 0) inData = true;
+        const std::size_t end = pending.find(inData ? "\r\n.\r\n" : "\r\n");
+        if (end == std::string::npos) break;
+        std::string line = inData ? "." : pending.substr(0, end);
+        pending.erase(0, end + (inData ? 5 : 2));
+        const std::string reply = reply_(line);
+        inData = reply.starts_with("354");
         if (!sendReply(client, reply)) return;
       }
     }

@@ -29,7 +29,7 @@ parser.add_argument("--cert", required=True)
 parser.add_argument("--key", required=True)
 parser.add_argument("--out", required=True)
 parser.add_argument("--ready", required=True)
-parser.add_argument("--script", default="")
+parser.add_argument("--script", default="", help="read afresh for every request")
 args = parser.parse_args()
 
 lock = threading.Lock()
@@ -48,13 +48,11 @@ def flatten(value, prefix, out):
 
 
 def answer_for(path):
-    script = {}
-    if args.script:
-        try:
-            with open(args.script) as f:
-                script = json.load(f)
-        except (OSError, ValueError):
-            script = {}
+    try:
+        with open(args.script) as f:
+            script = json.load(f)
+    except (OSError, ValueError):
+        script = {}
     for prefix, answers in script.items():
         if path.startswith(prefix):
             n = served.get(prefix, 0)
@@ -81,14 +79,12 @@ class Handler(BaseHTTPRequestHandler):
                 fields = urllib.parse.parse_qsl(body.decode(), keep_blank_values=True)
         except ValueError:
             fields = [("<unparsable>", body.decode(errors="replace"))]
-        esc = lambda s: s.replace("\n", "\\n")
         lines = [f"METHOD {self.command}", f"PATH {self.path}"]
         lines += [f"HEADER {k.lower()}: {v}" for k, v in self.headers.items()]
-        lines += [f"FIELD {k}={esc(v)}" for k, v in fields]
-        lines.append("END")
+        lines += [f"FIELD {k}=" + v.replace("\n", "\\n") for k, v in fields]
         with lock:
             with open(args.out, "a") as f:
-                f.write("\n".join(lines) + "\n")
+                f.write("\n".join(lines) + "\nEND\n")
             answer = answer_for(self.path)
         if answer.get("hang"):
             time.sleep(3600)
