@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <mutex>
 #include <thread>
 
 #include "MVGrowl.h"
@@ -17,17 +16,10 @@ using quillon_test::waitUntil;
 
 namespace {
 
-class RecordingCenter : public MVUserNotificationCenter::Backend {
- public:
-  void deliverNotification(const MVUserNotification& notification) override {
-    std::lock_guard<std::mutex> lock(mutex);
-    delivered.push_back(notification);
-  }
-  std::vector<MVUserNotification> take() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return std::exchange(delivered, {});
-  }
-  std::mutex mutex;
+// Notifications are delivered on the posting thread, before the post returns.
+struct RecordingCenter : MVUserNotificationCenter::Backend {
+  void deliverNotification(const MVUserNotification& notification) override { delivered.push_back(notification); }
+  std::vector<MVUserNotification> take() { return std::exchange(delivered, {}); }
   std::vector<MVUserNotification> delivered;
 };
 

@@ -81,10 +81,13 @@ class Agent {
   bool started() const { return pid_ > 0; }
   // The agent's own pid: the wrapper execs all the way down to it.
   pid_t pid() const { return pid_; }
-  void signal(int signo) const { kill(pid_, signo); }
+  void signal(int signo) const {
+    if (pid_ > 0) kill(pid_, signo);
+  }
 
   // Sends `signo` and waits for the end; the raw wait status, or -1.
   int stop(int signo = SIGTERM) {
+    if (pid_ <= 0) return -1;
     kill(pid_, signo);
     int status = -1;
     bool ended = waitUntil([&] { return waitpid(pid_, &status, WNOHANG) == pid_; }, 20);

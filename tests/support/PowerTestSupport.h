@@ -63,28 +63,6 @@ class MockService : public quillon_test::Mock {
   MockService& operator=(const MockService&) = delete;
 };
 
-// A program run through /bin/sh in the background; ended when this goes.
-class BackgroundProcess {
- public:
-  ~BackgroundProcess() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGTERM);
-    waitpid(pid_, nullptr, 0);
-  }
-  void start(const std::string& command) {
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGTERM);  // dies with a test process that dies
-      execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), static_cast<char*>(nullptr));
-      _exit(127);
-    }
-  }
-  bool running() const { return pid_ > 0 && kill(pid_, 0) == 0; }
-
- private:
-  pid_t pid_ = 0;
-};
-
 // An X server of our own; DISPLAY is the caller's to set.
 class VirtualDisplay {
  public:
@@ -94,15 +72,28 @@ class VirtualDisplay {
     numberFile_ = quillon_test::makeTempDir("xvfb") + "/display";
     // -displayfd: the server picks a free display and tells us which. No
     // reset when the last client leaves: root window properties stay.
-    process_.start("Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp -noreset 3>'" + numberFile_ +
-                   "' >/dev/null 2>&1");
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGTERM);  // dies with a test process that dies
+      execl("/bin/sh", "sh", "-c", ("exec Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp -noreset 3>'" +
+                                    numberFile_ + "' >/dev/null 2>&1").c_str(), static_cast<char*>(nullptr));
+      _exit(127);
+    }
     quillon_test::waitUntil(
         [&] { return quillon_test::readFile(numberFile_).find('\n') != std::string::npos; }, 30);
     std::string number = quillon_test::readFile(numberFile_);
     if (!number.empty() && number.back() == '\n') display_ = ":" + number.substr(0, number.size() - 1);
   }
 
-  bool running() const { return !display_.empty() && process_.running(); }
+  ~VirtualDisplay() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  VirtualDisplay(const VirtualDisplay&) = delete;
+  VirtualDisplay& operator=(const VirtualDisplay&) = delete;
+
+  bool running() const { return !display_.empty() && pid_ > 0 && kill(pid_, 0) == 0; }
   const std::string& display() const { return display_; }
 
   int xdotool(const std::string& arguments) const {
@@ -121,7 +112,7 @@ class VirtualDisplay {
  private:
   std::string numberFile_;
   std::string display_;
-  BackgroundProcess process_;
+  pid_t pid_ = 0;
 };
 
 }  // namespace power_test
