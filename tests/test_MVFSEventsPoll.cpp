@@ -4,7 +4,6 @@
 #include <fstream>
 #include <functional>
 
-#include "AgentProcess.h"
 #include "FSEventsInotify.h"
 #include "WatchTestSupport.h"
 
@@ -167,23 +166,4 @@ TEST_F(PolledStream, PollingCanBeAskedForOnALocalFolder) {
   EXPECT_TRUE(recorder.waitFor(slash(videos)));
   EXPECT_NE(logText().find("polling " + videos + "/Exports every 2 s (watchFoldersPolled asks for it)"),
             std::string::npos);
-}
-
-// The whole road: the built agent watches a share, the render node writes a
-// movie into it, and the user is told.
-TEST_F(PolledStream, TheAgentAnnouncesARenderWrittenByAnotherMachine) {
-  const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
-  BindfsShare mount(source, share);
-  ASSERT_TRUE(mount.mounted());
-  NotifyingBus session;
-  ASSERT_TRUE(session.ready()) << session.bus.error();
-  const std::string home = makeTempDir("agent-home");
-  ASSERT_TRUE(writeAgentSettings(home, R"({"watchFolders": [")" + share + R"("], "notifySound": 0})"));
-
-  Agent agent(home);
-  ASSERT_TRUE(agent.waitForLog("polling " + share + " every 2 s", 1, 20)) << agent.log();
-  MVRunLoop::main().runFor(2.5);  // the first scan records the share as it is
-  writeMovie(source + "/from-render-node.mov");
-  EXPECT_TRUE(waitUntil([&] { return session.notified("File: from-render-node.mov") >= 1; }, 30))
-      << agent.log() << session.server.log();
 }

@@ -1,6 +1,6 @@
 // The watch-folder road on real folders: inotify events reach the controller,
 // the 3-second folder check picks the finished file, and it is announced to a
-// recording desktop.
+// recording desktop->
 #include <sys/xattr.h>
 
 #include <fstream>
@@ -51,10 +51,10 @@ class WatchFolders : public ::testing::Test {
     std::sort(folders.begin(), folders.end());
     ASSERT_EQ(watched, folders);
   }
-  std::vector<std::string> revealed() { return desktop.revealedPaths(); }
+  std::vector<std::string> revealed() { return desktop->revealedPaths(); }
   std::string log() const { return since.text(); }
 
-  RecordingDesktop desktop;
+  std::shared_ptr<RecordingDesktop> desktop = RecordingDesktop::install();
   LogSince since;
 };
 
@@ -70,9 +70,9 @@ TEST_F(WatchFolders, AGrowingRenderIsAnnouncedOnceAfterItStopsGrowing) {
   }
   EXPECT_TRUE(revealed().empty()) << "announced while still being written";
   ASSERT_TRUE(waitUntil([&] { return revealed().size() == 1; }, 20)) << log();
-  EXPECT_EQ(desktop.revealed()[0].path, movie);
-  EXPECT_EQ(desktop.revealed()[0].size, 9 * 40000u);
-  EXPECT_EQ(desktop.notifications(), std::vector<std::string>{"Render Complete|File: growing.mov"});
+  EXPECT_EQ(desktop->revealed()[0].path, movie);
+  EXPECT_EQ(desktop->revealed()[0].size, 9 * 40000u);
+  EXPECT_EQ(desktop->notifications(), std::vector<std::string>{"Render Complete|File: growing.mov"});
 
   // Late events for the unchanged file do not announce it again.
   chmod(movie.c_str(), 0600);
@@ -136,7 +136,7 @@ TEST_F(WatchFolders, TheCheckAnnouncesOnlyTheNewestFreshLargeEnoughMediaFile) {
 
   // A late event for an unchanged file is ignored; a file written again is a
   // new render; the 100 KB file grown by one byte is now large enough.
-  desktop.clear();
+  desktop->clear();
   chmod(in("one-byte-more", "over.mov").c_str(), 0600);
   writeBytes(in("two-files", "newest.mov"), 1, true);
   writeBytes(in("exactly-100k", "exact.mov"), 1, true);
@@ -302,7 +302,7 @@ TEST_F(WatchFolders, RealWritersAreAnnouncedOnceAndOnlyAfterTheyAreDone) {
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].folder);
     EXPECT_EQ(writers[i]->status(), 0);
-    auto all = desktop.revealed();
+    auto all = desktop->revealed();
     auto it = std::find_if(all.begin(), all.end(), [&](auto& r) { return r.path == cases[i].folder + "/" + cases[i].announced; });
     ASSERT_NE(it, all.end()) << log();
     EXPECT_GT(it->when, writers[i]->ended()) << "announced while its writer was still at work";
@@ -320,9 +320,9 @@ TEST_F(WatchFolders, AnEncodeKilledHalfWayIsAFailure) {
                       "-re -f lavfi -i 'testsrc=size=320x240:rate=10:d=30,noise=alls=60:allf=t+u' -c:v mpeg4 -q:v 3 "
                       "killed.mp4 & p=$!; while [ $(stat -c %s killed.mp4 2>/dev/null || echo 0) -lt 300000 ]; do "
                       "sleep 0.2; done; kill -9 $p");
-  ASSERT_TRUE(waitUntil([&] { return !writer.running() && !desktop.notifications().empty(); }, 40)) << log();
+  ASSERT_TRUE(waitUntil([&] { return !writer.running() && !desktop->notifications().empty(); }, 40)) << log();
   MVRunLoop::main().runFor(3.5);
-  EXPECT_EQ(desktop.notifications(), std::vector<std::string>{"Render Failed|File: killed.mp4"});
+  EXPECT_EQ(desktop->notifications(), std::vector<std::string>{"Render Failed|File: killed.mp4"});
   EXPECT_TRUE(revealed().empty()) << "a broken file is revealed as a finished render";
   EXPECT_EQ(timesIn(log(), "killed.mp4 is not a complete movie: no 'moov' atom"), 1u) << log();
 }

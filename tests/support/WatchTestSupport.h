@@ -21,7 +21,6 @@
 #include <new>
 #include <optional>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include "AppController.h"
@@ -132,67 +131,61 @@ class ChildProcess {
 
 // The desktop the agent talks to, recording the notifications it shows and
 // the files it reveals (every announced watch-folder file is revealed, even
-// a quiet one); sounds end at once. Installed for its lifetime.
-class RecordingDesktop {
+// a quiet one); sounds end at once. install() puts a new one in place.
+class RecordingDesktop : public MVWorkspace::Backend, public MVUserNotificationCenter::Backend, public MVSound::Backend {
  public:
   struct Revealed {
     std::string path;
     std::uintmax_t size;
     std::chrono::steady_clock::time_point when;
   };
-  RecordingDesktop() {
+  static std::shared_ptr<RecordingDesktop> install() {
+    auto desktop = std::make_shared<RecordingDesktop>();
     MVGrowl::defaultController();
-    previous_ = {MVUserNotificationCenter::setBackend(backend_), MVSound::setBackend(backend_),
-                 MVWorkspace::setBackend(backend_)};
+    MVUserNotificationCenter::setBackend(desktop);
+    MVSound::setBackend(desktop);
+    MVWorkspace::setBackend(desktop);
+    return desktop;
   }
-  ~RecordingDesktop() {
-    MVUserNotificationCenter::setBackend(std::get<0>(previous_));
-    MVSound::setBackend(std::get<1>(previous_));
-    MVWorkspace::setBackend(std::get<2>(previous_));
+  std::vector<Revealed> revealed() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return revealed_;
   }
-  std::vector<Revealed> revealed() const { return backend_->get(backend_->revealed); }
-  std::vector<std::string> revealedPaths() const {
+  std::vector<std::string> revealedPaths() {
     std::vector<std::string> paths;
     for (const Revealed& r : revealed()) paths.push_back(r.path);
     std::sort(paths.begin(), paths.end());
     return paths;
   }
   // "title|text" of each notification.
-  std::vector<std::string> notifications() const { return backend_->get(backend_->notes); }
+  std::vector<std::string> notifications() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return notes_;
+  }
   void clear() {
-    std::lock_guard<std::mutex> lock(backend_->mutex);
-    backend_->revealed.clear();
-    backend_->notes.clear();
+    std::lock_guard<std::mutex> lock(mutex_);
+    revealed_.clear();
+    notes_.clear();
+  }
+
+  bool selectFile(const std::string& path, const std::string&) override {
+    std::error_code ec;
+    std::lock_guard<std::mutex> lock(mutex_);
+    revealed_.push_back({path, std::filesystem::file_size(path, ec), std::chrono::steady_clock::now()});
+    return true;
+  }
+  void deliverNotification(const MVUserNotification& n) override {
+    std::lock_guard<std::mutex> lock(mutex_);
+    notes_.push_back(n.title + "|" + n.informativeText);
+  }
+  void play(const std::string&, MVSound::Completion done) override {
+    MVRunLoop::main().performOnMainThread([done] { done(true); }, false);
   }
 
  private:
-  struct Backend : MVWorkspace::Backend, MVUserNotificationCenter::Backend, MVSound::Backend {
-    bool selectFile(const std::string& path, const std::string&) override {
-      std::error_code ec;
-      std::lock_guard<std::mutex> lock(mutex);
-      revealed.push_back({path, std::filesystem::file_size(path, ec), std::chrono::steady_clock::now()});
-      return true;
-    }
-    void deliverNotification(const MVUserNotification& n) override {
-      std::lock_guard<std::mutex> lock(mutex);
-      notes.push_back(n.title + "|" + n.informativeText);
-    }
-    void play(const std::string&, MVSound::Completion done) override {
-      MVRunLoop::main().performOnMainThread([done] { done(true); }, false);
-    }
-    template <typename T>
-    T get(const T& list) {
-      std::lock_guard<std::mutex> lock(mutex);
-      return list;
-    }
-    std::mutex mutex;
-    std::vector<Revealed> revealed;
-    std::vector<std::string> notes;
-  };
-  std::shared_ptr<Backend> backend_ = std::make_shared<Backend>();
-  std::tuple<std::shared_ptr<MVUserNotificationCenter::Backend>, std::shared_ptr<MVSound::Backend>,
-             std::shared_ptr<MVWorkspace::Backend>>
-      previous_;
+  std::mutex mutex_;
+  std::vector<Revealed> revealed_;
+  std::vector<std::string> notes_;
 };
 
 // Like the agent's own, the controller lives for the whole process: the
