@@ -41,7 +41,7 @@ class SKPSMTPMessageRelay : public ::testing::Test {
     message->setTimeoutsForTesting(10, 10);
     if (change) change(*message);
     testing::internal::CaptureStderr();
-    reports.sendAndWait(message, 30);
+    reports.sendAndWait(message, 30, 0.2);
     EXPECT_EQ(reports.count(), 1);
     return testing::internal::GetCapturedStderr();
   }

@@ -45,9 +45,14 @@ class SMTPRelay {
  public:
   // `options`: smtp-relay.py's own (--port, --user, --implicit-tls...).
   explicit SMTPRelay(const std::vector<std::string>& options = {}) {
+    static const std::string certDir = [] {
+      std::string dir = makeTempDir("relay-cert");
+      return makeCertificate(dir, false) ? dir : "";
+    }();  // one for all the relays of the test
     dir_ = makeTempDir("relay");
-    if (!makeCertificate(dir_, false)) return;
-    std::vector<std::string> arguments{"--cert", dir_ + "/cert.pem", "--key", dir_ + "/key.pem", "--out", dir_ + "/out"};
+    if (certDir.empty()) return;
+    certificate_ = certDir + "/cert.pem";
+    std::vector<std::string> arguments{"--cert", certDir + "/cert.pem", "--key", certDir + "/key.pem", "--out", dir_ + "/out"};
     arguments.insert(arguments.end(), options.begin(), options.end());
     server_ = std::make_unique<ServerProcess>("smtp-relay.py", arguments, dir_);
     std::istringstream ports(server_->ready());
@@ -56,7 +61,7 @@ class SMTPRelay {
 
   bool isReady() const { return !ports_.empty(); }
   int port(std::size_t index = 0) const { return index < ports_.size() ? ports_[index] : 0; }
-  std::string certificate() const { return dir_ + "/cert.pem"; }
+  std::string certificate() const { return certificate_; }
   std::string log() const { return server_ ? server_->log() : "no certificate"; }
   // Every byte received so far, decrypted where TLS was used.
   std::string wire() const { return fileExists(dir_ + "/out/wire") ? readFile(dir_ + "/out/wire") : ""; }
@@ -88,7 +93,7 @@ class SMTPRelay {
   }
 
  private:
-  std::string dir_;
+  std::string dir_, certificate_;
   std::unique_ptr<ServerProcess> server_;
   std::vector<int> ports_;
 };
@@ -112,16 +117,17 @@ struct SMTPReports : SKPSMTPMessageDelegate {
     message.reset();
   }
   int count() const { return sent + static_cast<int>(failures.size()); }
-  // Waits for the first report, and a little longer for a second one that must not come.
-  void await(double seconds = 15) {
+  // Waits for the first report, and `settle` seconds more for a second one
+  // that must not come (longer than the session's watchdog).
+  void await(double seconds = 15, double settle = 0.8) {
     waitUntil([&] { return count() > 0; }, seconds);
-    MVRunLoop::main().runFor(0.8);
+    MVRunLoop::main().runFor(settle);
   }
   // Sends `m`, keeping it only here, and awaits its report.
-  void sendAndWait(std::shared_ptr<SKPSMTPMessage> m, double seconds = 15) {
+  void sendAndWait(std::shared_ptr<SKPSMTPMessage> m, double seconds = 15, double settle = 0.8) {
     m->setDelegate(this);
     message = std::move(m);
-    if (message->send()) await(seconds);
+    if (message->send()) await(seconds, settle);
   }
 };
 

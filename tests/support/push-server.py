@@ -1,20 +1,12 @@
 #!/usr/bin/python3
-"""An HTTPS server that stands for every push service in the tests.
+"""An HTTPS server on 127.0.0.1 that stands for every push service.
 
-Each request is written to --out as a block of lines, before it is answered:
-    METHOD <method>
-    PATH <path with query>
-    HEADER <lower-case name>: <value>
-    FIELD <key>=<value>      (the JSON or form body, flattened: "embeds.0.color")
-    END
-with newlines in values written as "\\n".
-
---script names a JSON file {"path prefix": [answer, ...]}: the requests to a
-path answer in turn, the last answer repeating. An answer is
-{"status": 500}, {"status": 429, "retry_after": 1}, {"hang": true} (never
-answers) or {"status": 200, "body": {...}}. Other paths answer 200 {}.
-The port is written to --ready once the server listens on 127.0.0.1.
-"""
+Each request is appended to --out before it is answered, as lines "METHOD m",
+"PATH p", "HEADER name: value" (name in lower case), "FIELD key=value" (the
+JSON or form body flattened, e.g. "embeds.0.color", newlines as "\\n"), "END".
+--script names a JSON file {"path prefix": [answer, ...]}, answered in turn,
+the last one repeating: {"status": 500}, {"status": 429, "retry_after": 1},
+{"hang": true} or {"status": 200, "body": {...}}. Other paths answer 200 {}."""
 import argparse
 import json
 import os

@@ -1,22 +1,14 @@
 #!/usr/bin/python3
-"""The SMTP relay of the tests: aiosmtpd on 127.0.0.1, on one or more ports,
-with STARTTLS and AUTH PLAIN/LOGIN offered only after TLS.
+"""The SMTP relay of the tests: aiosmtpd on 127.0.0.1, on every --port (0, the
+default, picks a free one), STARTTLS, and AUTH PLAIN/LOGIN only after TLS.
 
-Message N is written to OUT/N.eml (the bytes received) and OUT/N.envelope:
-    PORT <port the client connected to>
-    FROM <envelope sender>
-    OPTIONS <MAIL FROM options>
-    TO <recipient>            (one line each)
-The envelope appears last, by rename, so its presence means the message is
-complete. Every byte received (decrypted) is appended to OUT/wire. The ports,
-in the order asked, go space-separated to the READY file once every listener
-accepts connections. Runs until terminated.
+Message N goes to OUT/N.eml (as received) and then OUT/N.envelope (lines
+"PORT p", "FROM a", "OPTIONS o", one "TO a" each); every byte received,
+decrypted, is appended to OUT/wire. The ports go to READY once all listen.
 
-Variants: --implicit-tls speaks TLS from the first byte; --no-starttls offers
-no TLS (and AUTH in plain text); --starttls-last lists STARTTLS, in mixed
-case, on the last line of the EHLO reply; --noise-after-starttls sends
-plain-text replies right after "220" to STARTTLS; --exclude drops an AUTH
-mechanism."""
+Variants: --implicit-tls (TLS from the first byte), --no-starttls (AUTH in
+plain text), --starttls-last (in mixed case, on the EHLO reply's last line),
+--noise-after-starttls (plain text right after "220"), --exclude MECHANISM."""
 import argparse
 import itertools
 import os
@@ -33,12 +25,12 @@ from aiosmtpd.smtp import MISSING, SMTP, AuthResult, LoginPassword
 parser = argparse.ArgumentParser()
 parser.add_argument("--cert", required=True)
 parser.add_argument("--key", required=True)
-parser.add_argument("--out", required=True, help="folder for the received messages")
+parser.add_argument("--out", required=True)
 parser.add_argument("--ready", required=True)
 parser.add_argument("--user", default="ali")
 parser.add_argument("--password", default="sesame")
-parser.add_argument("--port", type=int, action="append", help="0 (the default) picks a free one below 32768")
-parser.add_argument("--exclude", action="append", default=[], help="AUTH mechanism not to offer")
+parser.add_argument("--port", type=int, action="append")
+parser.add_argument("--exclude", action="append", default=[])
 parser.add_argument("--implicit-tls", action="store_true")
 parser.add_argument("--no-starttls", action="store_true")
 parser.add_argument("--starttls-last", action="store_true")
