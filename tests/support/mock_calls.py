@@ -9,20 +9,18 @@ from dbus.bus import BusConnection
 
 
 def plain(value):
+    # dbus-python's types derive from Python's own; their repr() does not.
     if isinstance(value, dbus.Boolean):
         return bool(value)
-    if isinstance(value, (dbus.String, dbus.ObjectPath, dbus.Signature)):
-        return str(value)
-    if isinstance(value, (dbus.Byte, dbus.Int16, dbus.Int32, dbus.Int64, dbus.UInt16, dbus.UInt32, dbus.UInt64)):
-        return int(value)
-    if isinstance(value, dbus.Double):
-        return float(value)
-    if isinstance(value, dbus.Array):
-        return [plain(v) for v in value]
-    if isinstance(value, dbus.Struct):
-        return tuple(plain(v) for v in value)
-    if isinstance(value, dbus.Dictionary):
+    if isinstance(value, dict):
         return {plain(k): plain(v) for k, v in value.items()}
+    if isinstance(value, list):
+        return [plain(v) for v in value]
+    if isinstance(value, tuple):
+        return tuple(plain(v) for v in value)
+    for kind in (str, int, float):
+        if isinstance(value, kind):
+            return kind(value)
     return value
 
 
