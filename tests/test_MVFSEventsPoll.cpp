@@ -19,27 +19,22 @@ void append(const std::string& path, const std::string& text) { std::ofstream(pa
 // A FUSE mount of `source` at `mountPoint`, served by a bindfs daemon.
 class BindfsShare {
  public:
-  BindfsShare(const std::string& source, const std::string& mountPoint) : mountPoint_(mountPoint) {
-    fs::create_directories(mountPoint);
-    pid_ = std::atoi(
-        shellOutput("bindfs -f '" + source + "' '" + mountPoint + "' >/dev/null 2>&1 & echo $!").c_str());
-    mounted_ = pid_ > 0 && waitUntil([&] { return mountinfo().find(" " + mountPoint + " ") != std::string::npos; }, 10);
+  BindfsShare(const std::string& source, const std::string& mountPoint)
+      : mountPoint_(mountPoint), daemon_("exec bindfs -f '" + source + "' '" + mountPoint + "' >/dev/null 2>&1") {
+    mounted_ = waitUntil([&] { return readFile("/proc/self/mountinfo").find(" " + mountPoint + " ") != std::string::npos; }, 10);
   }
   ~BindfsShare() {
-    if (pid_ <= 0) return;
-    ::kill(pid_, SIGCONT);
+    resume();
     ::umount2(mountPoint_.c_str(), MNT_DETACH);
-    ::kill(pid_, SIGTERM);
   }
   bool mounted() const { return mounted_; }
-  void pause() { ::kill(pid_, SIGSTOP); }
-  void resume() { ::kill(pid_, SIGCONT); }
+  void pause() { ::kill(daemon_.pid(), SIGSTOP); }
+  void resume() { ::kill(daemon_.pid(), SIGCONT); }
   bool unmount() { return ::umount2(mountPoint_.c_str(), 0) == 0; }
 
  private:
-  static std::string mountinfo() { return readFile("/proc/self/mountinfo"); }
   std::string mountPoint_;
-  int pid_ = -1;
+  ChildProcess daemon_;
   bool mounted_ = false;
 };
 
@@ -63,6 +58,7 @@ class PolledStream : public ::testing::Test {
 
 TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
   const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
+  fs::create_directories(share);
   fs::create_directories(source + "/Renders");
   writeFile(source + "/Renders/growing.mov", "first part");
   BindfsShare mount(source, share);
@@ -115,6 +111,7 @@ TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
   EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({videos});
   // Mounted while the folder is watched.
+  fs::create_directories(videos + "/NAS");
   BindfsShare mount(source, videos + "/NAS");
   ASSERT_TRUE(mount.mounted());
   letFirstScanFinish();
@@ -131,6 +128,7 @@ TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
 
 TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
   const std::string source = makeTempDir("nas-disk"), share = makeTempDir("client") + "/NAS";
+  fs::create_directories(share);
   const std::string local = makeTempDir("Renders");
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());

@@ -74,12 +74,6 @@ std::string makeProject(const std::string& folder, const std::string& name) {
   return project;
 }
 
-std::string utf16LE(const std::string& ascii) {
-  std::string bytes;
-  for (char c : ascii) bytes += std::string{c, '\0'};
-  return bytes;
-}
-
 }  // namespace
 
 TEST_F(RenderSourcesTest, FinalCutProRenderFolderComesFromItsPreferencesAndFollowsThem) {

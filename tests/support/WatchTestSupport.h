@@ -94,6 +94,13 @@ inline void setModified(const std::string& path, std::chrono::system_clock::time
   ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
+// ASCII text as UTF-16LE, as the Media Encoder writes its log.
+inline std::string utf16LE(const std::string& ascii) {
+  std::string bytes;
+  for (char c : ascii) bytes += std::string{c, '\0'};
+  return bytes;
+}
+
 inline void setAge(const std::string& path, std::chrono::seconds age) {
   setModified(path, std::chrono::system_clock::now() - age);
 }
