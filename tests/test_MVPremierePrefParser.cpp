@@ -168,7 +168,6 @@ TEST_F(PremierePrefParserTest, MediaCacheFoldersComeFromTheCommonPreferenceDomai
 
   EXPECT_EQ(MVPremierePrefParser::mediaCacheFolder(std::string("7.2.1")), "/cache/7");
   EXPECT_EQ(MVPremierePrefParser::mediaDatabaseFolder(std::nullopt), "/db/any");
-  EXPECT_EQ(MVPremierePrefParser::mediaDatabaseFolders(), Paths{"/db/7"});
 }
 
 // A folder per product with the application bundle or only the installer's XManConfig.xml.

@@ -111,12 +111,6 @@ TEST_F(MVTaskExTest, RefusesWhatIsNotAnExecutableFile) {
     EXPECT_EQ(MVTaskEx::stringFromTask(path, {}, kMVUTF8StringEncoding, 5.0), "");
     EXPECT_NE(logText().find("Error: " + path + " is not executable"), std::string::npos);
   }
-  // A relative path passes the check and fails at the launcher.
-  MVTaskEx::Task task;
-  EXPECT_FALSE(MVTaskEx::runTask("bin/true-relative", {}, &task));
-  ASSERT_TRUE(task);
-  EXPECT_FALSE(task->isLaunched());
-  EXPECT_NE(logText().find("Exception running task bin/true-relative: "), std::string::npos);
 }
 
 TEST_F(MVTaskExTest, ExitStatusAndHandedOutProcess) {
