@@ -153,12 +153,10 @@ TEST_F(MVLogTest, PrintingEntryPointFormatsTwiceAndPrintsTheFirstPass) {
   MVLog::createNewLog("Print");
   testing::internal::CaptureStdout();
   MVLog::appendLogAndPrint("Rendered %@ at 50% speed", "clip%@%s.mov");
-  MVLog::appendLogAndDebugPrint("debug %@", "only in the file %d");
   MVLog::finishWriting();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "Rendered clip%%s.mov at 50%% speed\n");
   auto lines = messages(logPath("Print"));
   EXPECT_TRUE(contains(lines, "Rendered clip(null)(null).mov at 50% speed"));
-  EXPECT_TRUE(contains(lines, "debug only in the file (null)"));
 }
 
 TEST_F(MVLogTest, ShortLinesFromWorkersAreWrittenBeforeAppendReturns) {

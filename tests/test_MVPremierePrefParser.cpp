@@ -157,19 +157,6 @@ TEST_F(PremierePrefParserTest, FolderSearchKeepsExistingFoldersWithExactlyThatNa
   EXPECT_FALSE(MVPremierePrefParser::spotlightSearchForFoldersWithName(kPreviews));
 }
 
-TEST_F(PremierePrefParserTest, MediaCacheFoldersComeFromTheCommonPreferenceDomain) {
-  auto writeDomain = [](const std::string& domain, const std::string& cache, const std::string& database) {
-    MVPlistValue root(MVPlistValue::Dictionary{
-        {"Media Cache", MVPlistValue(MVPlistValue::Dictionary{{"FolderPath", cache}, {"DatabasePath", database}})}});
-    ASSERT_TRUE(MVPropertyList::write(MVLocalPaths::prefsDirectory(true) + "/" + domain + ".plist", root));
-  };
-  writeDomain("com.adobe.Common 7.0", "/cache/7", "/db/7");
-  writeDomain("com.adobe.Common", "/cache/any", "/db/any");
-
-  EXPECT_EQ(MVPremierePrefParser::mediaCacheFolder(std::string("7.2.1")), "/cache/7");
-  EXPECT_EQ(MVPremierePrefParser::mediaDatabaseFolder(std::nullopt), "/db/any");
-}
-
 // A folder per product with the application bundle or only the installer's XManConfig.xml.
 class PremiereVersionsTest : public PremierePrefParserTest {
  protected:

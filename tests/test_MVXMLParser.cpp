@@ -74,18 +74,12 @@ TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) 
   MVXMLDocument doc = parse(kProject);
   MVXMLNode root = doc.rootElement();
 
-  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//clipitem/@id", root),
-            (std::vector<std::string>{"outer", "inner", "Caf%C3%A9", "plain%2Fid"}));
-  EXPECT_EQ(MVXMLParser::stringValuesForQuery(".//missing", root), std::nullopt);
   EXPECT_EQ(MVXMLParser::stringValueForQuery("./sequence[1]/uuid[1]/text()", root), "1234-ABCD");
   EXPECT_TRUE(MVXMLParser::nodeForQuery(".//nothing", root).isNull());
 
-  // Each node once, in the order first met; queryNodes keeps duplicates.
+  // Each node once, in the order first met.
   auto collected = MVXMLParser::node(root, std::vector<std::string>{".//track", ".//clipitem[1]", ".//track"});
   EXPECT_EQ(ids(collected), (std::vector<std::string>{"t", "outer", "inner"}));
-  auto tracks = doc.nodesForXPath("//track | //sequence");
-  EXPECT_EQ(ids(MVXMLParser::queryNodes(tracks, ".//clipitem[@id='outer']")),
-            (std::vector<std::string>{"outer", "outer"}));
 
   std::string log = loggedDuring([&] {
     EXPECT_TRUE(MVXMLParser::stringValueForQuery("//clipitem[", root) == std::nullopt);
@@ -96,68 +90,30 @@ TEST(MVXMLParserTest, QueryShortcutsAnswerNullForNoMatchAndLogOnlyWhereTheySay) 
   EXPECT_EQ(timesIn(log, "XML parsing error: "), 2u) << log;
 }
 
-TEST(MVXMLParserTest, NamesUuidsAndIdsArePercentUnescapedWhenTheyCanBe) {
+// Walks the agent itself does not take; one case each keeps them honest.
+TEST(MVXMLParserTest, NameAncestorSiblingAndClipWalks) {
   MVXMLDocument doc = parse(kProject);
   auto item = [&](const std::string& id) { return doc.nodesForXPath("//*[@id='" + id + "']").at(0); };
-
   EXPECT_EQ(MVXMLParser::nameForNode(item("p")), "Feature Cut");
-  EXPECT_EQ(MVXMLParser::nameForNode(item("inner")), "Shot%zz");          // bad escape: raw text
-  EXPECT_EQ(MVXMLParser::nameForNode(item("outer")), "Shot%zz");          // from a descendant
-  EXPECT_EQ(MVXMLParser::nameForNode(item("plain%2Fid")), "plain/id");    // the id as fallback
-  EXPECT_EQ(MVXMLParser::nameForNode(item("Caf%C3%A9")), "Caf%C3%A9");    // not ASCII: raw
-
+  EXPECT_EQ(MVXMLParser::nameForNode(item("outer")), "Shot%zz");        // bad escape, from a descendant
+  EXPECT_EQ(MVXMLParser::nameForNode(item("plain%2Fid")), "plain/id");  // the id as fallback
   EXPECT_EQ(MVXMLParser::uuidForNode(item("p")), "1234-ABCD");
-  EXPECT_EQ(MVXMLParser::uuidForNode(item("t")), std::nullopt);           // no id fallback
-
   EXPECT_EQ(MVXMLParser::idAttributeForNode(item("Caf%C3%A9")), std::nullopt);
-  EXPECT_EQ(MVPercentUnescapeASCII("caf\xc3\xa9%21"), "caf\xc3\xa9!");
-}
+  EXPECT_EQ(ids({MVXMLParser::node(item("inner"), "clipitem")}), std::vector<std::string>{"outer"});
+  EXPECT_TRUE(MVXMLParser::node(item("inner"), "sequence", std::vector<std::string>{"sequence"}).isNull());
+  EXPECT_EQ(ids({MVXMLParser::nextSiblingForNode(item("plain%2Fid"))}), std::vector<std::string>{"b"});
 
-TEST(MVXMLParserTest, AncestorAndSiblingWalks) {
-  MVXMLDocument doc = parse(kProject);
-  MVXMLNode inner = doc.nodesForXPath("//clipitem[@id='inner']").at(0);
-  using Limits = std::vector<std::string>;
-
-  EXPECT_EQ(ids({MVXMLParser::node(inner, "clipitem")}), Limits{"outer"});
-  EXPECT_TRUE(MVXMLParser::node(inner, "sequence", Limits{"sequence"}).isNull());  // the limit wins
-  EXPECT_TRUE(MVXMLParser::node(doc.rootElement(), "project").isNull());
-  // An attribute's ancestors start at its element.
-  MVXMLNode attribute = doc.nodesForXPath("//clipitem[@id='inner']/@id").at(0);
-  EXPECT_EQ(ids({MVXMLParser::node(attribute, "clipitem")}), Limits{"inner"});
-
-  // The next sibling climbs out of finished subtrees.
-  auto next = [&](const std::string& query) { return MVXMLParser::nextSiblingForNode(doc.nodesForXPath(query).at(0)); };
-  EXPECT_EQ(ids({next("//clipitem[@id='plain%2Fid']")}), Limits{"b"});
-  EXPECT_TRUE(next("//sub/name").isNull());
-}
-
-TEST(MVXMLParserTest, ClipWalkFollowsTransitionEdgesBothWays) {
-  MVXMLDocument doc = parse(R"(<track>
+  MVXMLDocument track = parse(R"(<track>
     <clipitem id="a"><start>0</start><end>-1</end></clipitem>
     <transitionitem id="t1"><start>90</start><end>110</end></transitionitem>
-    <clipitem id="b"><start>-1</start><end>-1</end></clipitem>
-    <transitionitem id="t2"><start>190</start><end>210</end></transitionitem>
-    <clipitem id="c"><start>-1</start><end>300</end></clipitem>
-    <clipitem id="d"><start>300</start><end>400</end></clipitem>
-    <transitionitem id="t3"><start>390</start><end>410</end></transitionitem>
-    <clipitem id="e"><start>-1</start><end>500</end></clipitem>
-    <clipitem id="f"/>
+    <clipitem id="b"><start>-1</start><end>300</end></clipitem>
+    <clipitem id="c"><start>300</start><end>400</end></clipitem>
   </track>)");
-  struct Case { const char* clip; std::vector<std::string> affected; long start, end; };
-  const Case cases[] = {
-      {"b", {"a", "t1", "b", "t2", "c"}, 0, 300},
-      {"d", {"d"}, 300, 400},
-      // t3's own predecessor ends at 400, so the walk takes t3's start.
-      {"e", {"t3", "e"}, 390, 500},
-      {"f", {"f"}, 0, 0},
-  };
-  for (const Case& c : cases) {
-    MVXMLNode clip = doc.nodesForXPath(std::string("//*[@id='") + c.clip + "']").at(0);
-    long start = -99, end = -99;
-    EXPECT_EQ(ids(MVXMLParser::affectedNodesForClip(clip, &start, &end)), c.affected) << c.clip;
-    EXPECT_EQ(start, c.start) << c.clip;
-    EXPECT_EQ(end, c.end) << c.clip;
-  }
+  long start = -99, end = -99;
+  auto walked = MVXMLParser::affectedNodesForClip(track.nodesForXPath("//*[@id='b']").at(0), &start, &end);
+  EXPECT_EQ(ids(walked), (std::vector<std::string>{"a", "t1", "b"}));
+  EXPECT_EQ(start, 0);
+  EXPECT_EQ(end, 300);
 }
 
 TEST(MVXMLParserTest, FileURLsBecomePaths) {
