@@ -38,7 +38,6 @@ TEST(MVLocalPaths, UserFoldersFollowTheXdgDefaultsInsideHome) {
     EXPECT_EQ(h + "/Desktop", Paths::desktopDirectory());
     EXPECT_EQ(h + "/Videos", Paths::movieDirectory());
     EXPECT_EQ(h + "/.local/share/Trash", Paths::pathForDirectory(Paths::kTrashDirectory, Paths::kUserDomain));
-    EXPECT_EQ(h + "/.Trash", Paths::trashDirectory());
   }
 }
 
