@@ -1,6 +1,6 @@
 // The watch-folder road on real folders: inotify events reach the controller,
 // the 3-second folder check picks the finished file, and it is announced to a
-// recording desktop->
+// recording desktop.
 #include <sys/xattr.h>
 
 #include <fstream>
