@@ -13,6 +13,7 @@ class MVFSEventsTest : public ::testing::Test {
  protected:
   void SetUp() override { MVFSEvents::setBackendFactory(quillon::createInotifyBackend); }
   void TearDown() override { MVFSEvents::sharedController().stopWatching(); }
+  EventRecorder recorder;
 };
 
 std::string slash(const std::string& folder) { return folder + "/"; }
@@ -22,7 +23,6 @@ void settle(double seconds) { MVRunLoop::main().runFor(seconds); }
 }  // namespace
 
 TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
-  EventRecorder recorder;
   const std::string root = makeTempDir("tree");
   MVFSEvents::sharedController().startWatchingPaths({root});
 
@@ -51,7 +51,6 @@ TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
 }
 
 TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
-  EventRecorder recorder;
   const std::string root = makeTempDir("latency");
   fs::create_directories(root + "/sub");
   MVFSEvents::sharedController().startWatchingPaths({root}, 1.0);
@@ -76,7 +75,6 @@ TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
 }
 
 TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
-  EventRecorder recorder;
   MVFSEvents& stream = MVFSEvents::sharedController();
   const std::string a = makeTempDir("a");
   const std::string b = makeTempDir("b");
@@ -116,7 +114,6 @@ TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
 }
 
 TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
-  EventRecorder recorder;
   const std::string base = makeTempDir("missing");
   const std::string root = base + "/later/render";
   MVFSEvents::sharedController().startWatchingPaths({root});
@@ -140,7 +137,6 @@ TEST_F(MVFSEventsTest, MissingWatchedPathIsPickedUpAndItsRemovalReported) {
 }
 
 TEST_F(MVFSEventsTest, WatchedFileReportsItsFolder) {
-  EventRecorder recorder;
   const std::string folder = makeTempDir("ame");
   const std::string log = folder + "/AMEEncodingLog.txt";
   writeFile(log, "Queue Started");
@@ -165,7 +161,6 @@ TEST_F(MVFSEventsTest, WatchedFileReportsItsFolder) {
 }
 
 TEST_F(MVFSEventsTest, QueueOverflowAsksForARescanAndKeepsWatching) {
-  EventRecorder recorder;
   const std::string root = makeTempDir("overflow");
   MVFSEvents::sharedController().startWatchingPaths({root});
   settle(0.1);
@@ -190,7 +185,6 @@ TEST_F(MVFSEventsTest, QueueOverflowAsksForARescanAndKeepsWatching) {
 
 TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
   if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) GTEST_SKIP() << problem;
-  EventRecorder recorder;
   const std::string root = makeTempDir("volumes");
   const std::string volume = root + "/volume";
   fs::create_directories(volume);
@@ -214,7 +208,6 @@ TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
 // Folders renamed inside the watched tree, trees deeper than the walk keeps
 // folders open for, and folders without subfolders, which it does not list.
 TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
-  EventRecorder recorder;
   const std::string root = makeTempDir("renames");
   const std::string outside = makeTempDir("outside");
   fs::create_directories(root + "/Project A/Render Files/Shot 1");
@@ -250,7 +243,6 @@ TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
 }
 
 TEST_F(MVFSEventsTest, EveryFolderOfDeepAndWideTreesIsWatched) {
-  EventRecorder recorder;
   const std::string root = makeTempDir("deep");
   // Deeper than the walk keeps folders open for.
   std::string deepest = root;
@@ -299,7 +291,6 @@ TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
   MVLog::createNewLog("test_MVFSEvents");
   const std::string root = makeTempDir("limit");
   for (int i = 0; i < 20; ++i) fs::create_directories(root + "/folder" + std::to_string(i));
-  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({root});
   writeFile(root + "/still-watched.mov", "x");
   EXPECT_TRUE(recorder.waitFor(slash(root)));

@@ -50,6 +50,7 @@ class PolledStream : public ::testing::Test {
     MVFSEvents::sharedController().stopWatching();
     MVFSEvents::sharedController().setPolledPaths({});
   }
+  EventRecorder recorder;
   // The first scan of a polled tree records it without reporting.
   static void letFirstScanFinish() { MVRunLoop::main().runFor(1.0); }
 };
@@ -63,7 +64,6 @@ TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
   writeFile(source + "/Renders/growing.mov", "first part");
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());
-  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({share});
   MVRunLoop::main().runFor(2.5);  // the first scan and an idle round report nothing
   EXPECT_TRUE(recorder.records.empty()) << recorder.records.front().path;
@@ -108,7 +108,6 @@ TEST_F(PolledStream, WhatAnotherMachineWritesOnAShareIsAnnounced) {
 
 TEST_F(PolledStream, AShareMountedInsideAWatchedFolderIsPolledAsItsOwnTree) {
   const std::string source = makeTempDir("nas-disk"), videos = makeTempDir("Videos");
-  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({videos});
   // Mounted while the folder is watched.
   fs::create_directories(videos + "/NAS");
@@ -132,7 +131,6 @@ TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
   const std::string local = makeTempDir("Renders");
   BindfsShare mount(source, share);
   ASSERT_TRUE(mount.mounted());
-  EventRecorder recorder;
   MVFSEvents::sharedController().startWatchingPaths({local, share});
   letFirstScanFinish();
 
@@ -153,7 +151,6 @@ TEST_F(PolledStream, AShareThatDoesNotAnswerHoldsOnlyItsOwnScan) {
 TEST_F(PolledStream, PollingCanBeAskedForOnALocalFolder) {
   const std::string videos = makeTempDir("Videos");
   fs::create_directories(videos + "/Exports");
-  EventRecorder recorder;
   MVFSEvents::sharedController().setPolledPaths({videos + "/Exports/"});
   MVFSEvents::sharedController().startWatchingPaths({videos});
   letFirstScanFinish();
