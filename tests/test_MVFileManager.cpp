@@ -54,19 +54,14 @@ TEST_F(MVFileManagerTest, WildcardsExpandOverARealTreeWhereOnlyWhatExistsCounts)
     std::string pattern, basePath;
     Paths expected;
   } cases[] = {
-      {"a/t?o*", base, {base + "/a/two.txt"}},
       {"b/caf?", base, {base + "/b/caf?"}},  // no "*": taken literally, as is
       {"b/caf?*", base, {base + "/b/caf\xC3\xA9"}},
       {base.substr(1) + "/a/sub/*", "", {"/" + base.substr(1) + "/a/sub/deep.txt"}},
-      {base + "/a/sub/*", "", {base + "/a/sub/deep.txt"}},
       {"/a/sub/*", base, {base + "/a/sub/deep.txt"}},  // absolute, resolved from the base
       {"a/sub/*.txt/", base, {base + "/a/sub/deep.txt"}},
-      {"a/*.jpg", base, {}},
-      {"missing/*", base, {}},
       {"*/nothing/*", base, {}},
       {"c/*", base, {}},  // a file has no entries
       {"does/not/exist", base, {base + "/does/not/exist"}},
-      {"does/not/exist", "", {"does/not/exist"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.pattern + " from " + c.basePath);
@@ -81,11 +76,8 @@ TEST(MVFileManager, NamesMatchStarAndQuestionMarkOnly) {
     const char* pattern;
     bool matches;
   } cases[] = {
-      {"", "*", true},           {".hidden", "*", true},     {"abc", "a*c", true},
-      {"abc", "*b", false},      {"abcbd", "a*b?", true},    {"ab", "?", false},
-      {"\xC3\xA9", "?", true},   {"[x]", "[x]", true},       {"x", "[x]", false},
-      {"a.b", "a?b", true},      {"Adobe Media Encoder", "Adobe*Encoder", true},
-      {"aaa", "a*a*a*a", false}, {"mixed", "MIXED", false},
+      {".hidden", "*", true},    {"abcbd", "a*b?", true},  {"abc", "*b", false},  {"ab", "?", false},
+      {"\xC3\xA9", "?", true},   {"[x]", "[x]", true},     {"x", "[x]", false},   {"mixed", "MIXED", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.name) + " ~ " + c.pattern);

@@ -1,11 +1,6 @@
 // The post-render power actions end to end: settings, the alert as a
 // desktop notification, and the request that reaches a mocked session
-// manager on the private session bus or a mocked logind.
-//
-// Safety: this process must never reach the machine's own logind. Before
-// any test runs, DBUS_SYSTEM_BUS_ADDRESS is pointed at a private bus with
-// python3-dbusmock's logind on it, and that is verified; a test whose
-// verification failed does not run. The variable is never restored.
+// manager or logind. The machine's own logind must never be reached.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -26,40 +21,37 @@ using quillon_test::waitUntil;
 
 namespace {
 
-struct Peers {
-  PrivateBus systemBus{PrivateBus::kSystem};
-  Mock logind = systemBus.startMock("org.freedesktop.login1", "logind");
-  PrivateBus sessionBus{PrivateBus::kSession};
-  Mock notifications = sessionBus.startMock("org.freedesktop.Notifications", "notification_daemon");
+// Before any test: a private system bus whose logind must be the mock (only
+// a dbusmock object answers ClearCalls), and a notification server.
+struct Peers : ::testing::Environment {
+  std::unique_ptr<PrivateBus> systemBus, sessionBus;
+  Mock logind, notifications;
   bool safe = false;
-};
-std::unique_ptr<Peers> gPeers;
-
-class PeersEnvironment : public ::testing::Environment {
- public:
   void SetUp() override {
-    // Whatever the code under test logs stays in the test home.
-    MVLog::overrideRunningAsRoot(false);
+    MVLog::overrideRunningAsRoot(false);  // the log stays in the test home
     MVLog::createNewLog("test_PowerActions", true);
-    gPeers = std::make_unique<Peers>();
-    setenv("DBUS_SYSTEM_BUS_ADDRESS", gPeers->systemBus.address().c_str(), 1);
-    setenv("DBUS_SESSION_BUS_ADDRESS", gPeers->sessionBus.address().c_str(), 1);
-    // Only a dbusmock object answers ClearCalls: the logind there is ours.
-    gPeers->safe = gPeers->systemBus.running() && gPeers->logind.clearCalls();
+    systemBus = std::make_unique<PrivateBus>(PrivateBus::kSystem);
+    logind = systemBus->startMock("org.freedesktop.login1", "logind");
+    sessionBus = std::make_unique<PrivateBus>(PrivateBus::kSession);
+    notifications = sessionBus->startMock("org.freedesktop.Notifications", "notification_daemon");
+    setenv("DBUS_SYSTEM_BUS_ADDRESS", systemBus->address().c_str(), 1);
+    setenv("DBUS_SESSION_BUS_ADDRESS", sessionBus->address().c_str(), 1);
+    safe = systemBus->running() && logind.clearCalls();
     unsetenv("DISPLAY");
     unsetenv("WAYLAND_DISPLAY");
     quillon::installPowerAndAlertServices();
   }
-  void TearDown() override { gPeers.reset(); }
+  void TearDown() override {
+    sessionBus.reset();
+    systemBus.reset();
+  }
 };
-const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new PeersEnvironment);
-
-std::string pythonString(const std::string& text) { return "'" + text + "'"; }
+Peers* const gPeers = static_cast<Peers*>(::testing::AddGlobalTestEnvironment(new Peers));
 
 class PowerActions : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_TRUE(gPeers && gPeers->safe) << "no private system bus with a mocked logind: power tests must not run";
+    ASSERT_TRUE(gPeers->safe) << "no private system bus with a mocked logind: power tests must not run";
     ASSERT_TRUE(notifications().started());
     ASSERT_TRUE(logind().clearCalls());
     ASSERT_TRUE(notifications().clearCalls());
@@ -69,7 +61,7 @@ class PowerActions : public ::testing::Test {
   void TearDown() override {
     PowerActionsTesting::setAlertIntervalOverride(std::nullopt);
     // The notification server numbers its notifications from 1, for the life of the mock.
-    if (gPeers) notificationsShown_ += notifications().callsTo("Notify").size();
+    notificationsShown_ += notifications().callsTo("Notify").size();
   }
 
   static Mock& logind() { return gPeers->logind; }
@@ -101,12 +93,14 @@ class PowerActions : public ::testing::Test {
     EXPECT_EQ(requests[0].args, args);
   }
 
-  // Answers the latest alert notification with one of its action keys.
-  static void answerNotification(std::size_t shownSoFar, const std::string& key) {
+  // Answers the latest alert notification with one of its action keys, or
+  // with `signal` ("NotificationClosed uu": the reason), or as if to notification `other`.
+  static void answerNotification(std::size_t shownSoFar, const std::string& key,
+                                 const std::string& signal = "ActionInvoked us", std::size_t other = 0) {
     ASSERT_TRUE(pollUntil([&] { return notifications().callsTo("Notify").size() == shownSoFar; }, 20));
-    const std::size_t id = notificationsShown_ + shownSoFar;
-    notifications().mock("EmitSignal", "org.freedesktop.Notifications ActionInvoked us \"[<uint32 " +
-                                           std::to_string(id) + ">, <'" + key + "'>]\"");
+    const std::size_t id = other ? other : notificationsShown_ + shownSoFar;
+    notifications().mock("EmitSignal", "org.freedesktop.Notifications " + signal + " \"[<uint32 " +
+                                           std::to_string(id) + ">, <" + key + ">]\"");
   }
 
   static inline std::size_t notificationsShown_ = 0;
@@ -116,15 +110,12 @@ class PowerActions : public ::testing::Test {
 TEST_F(PowerActions, EachLogoutActionAsksAndThenReachesLogind) {
   struct Row {
     MVPlistValue value;
-    std::string what, button, request, argument;
-    int seconds;
+    std::string button, request, argument;
   };
   const Row rows[] = {
-      {1, "sleep", "Sleep", "Suspend", "False", 30},
-      {2, "log out", "Log out", "TerminateSession", "'c7'", 60},
-      {3, "shut down", "Shut down", "PowerOff", "False", 60},
-      {42, "shut down", "Shut down", "PowerOff", "False", 60},
-      {"2", "log out", "Log out", "TerminateSession", "'c7'", 60},
+      {1, "Sleep", "Suspend", "False"},          {2, "Log out", "TerminateSession", "'c7'"},
+      {3, "Shut down", "PowerOff", "False"},     {42, "Shut down", "PowerOff", "False"},
+      {"2", "Log out", "TerminateSession", "'c7'"},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.value.description());
@@ -135,10 +126,8 @@ TEST_F(PowerActions, EachLogoutActionAsksAndThenReachesLogind) {
 
     auto shown = notifications().callsTo("Notify");
     ASSERT_EQ(shown.size(), 1u);
-    EXPECT_EQ(shown[0].args.at(3), pythonString("Rendering complete. Do you wish to " + row.what + " now?"));
-    EXPECT_EQ(shown[0].args.at(4), pythonString("If you do nothing, your computer will automatically " + row.what +
-                                                " in " + std::to_string(row.seconds) + " seconds."));
-    EXPECT_EQ(shown[0].args.at(5), "['1', " + pythonString(row.button) + ", '0', 'Cancel']");
+    EXPECT_EQ(shown[0].args.at(5), "['1', '" + row.button + "', '0', 'Cancel']");
+    EXPECT_EQ(shown[0].args.at(6), "{'urgency': 2}");
     expectOneRequest(row.request, {row.argument});
     notificationsShown_ += shown.size();
   }
@@ -175,42 +164,45 @@ TEST_F(PowerActions, NoActionOrARunningBatchMeansNoAlertAndNoRequest) {
   EXPECT_EQ(powerRequests().size(), 1u);
 }
 
-TEST_F(PowerActions, TheUsersAnswerDecidesBeforeTheCountdown) {
+// A click on the bubble or an answer meant for another notification decides
+// nothing; Cancel, or the notification dismissed, before the countdown ends
+// means no request.
+TEST_F(PowerActions, CancelOrDismissBeforeTheCountdownMeansNoRequest) {
   PowerActionsTesting::setAlertIntervalOverride(60);
-  setLogoutAction(1);
-  performPostRenderActions([] { answerNotification(1, "1"); });
-  expectOneRequest("Suspend", {"False"});
-
-  ASSERT_TRUE(logind().clearCalls());
   setLogoutAction(3);
-  performPostRenderActions([] { answerNotification(2, "0"); });
+  performPostRenderActions([] {
+    answerNotification(1, "'default'");
+    answerNotification(1, "'1'", "ActionInvoked us", 77);
+    MVRunLoop::main().runFor(0.5);
+    answerNotification(1, "'0'");
+  });
+  EXPECT_TRUE(pollUntil([] { return notifications().callsTo("CloseNotification").size() == 1; }, 10));
+  performPostRenderActions([] { answerNotification(2, "uint32 2", "NotificationClosed uu"); });
   EXPECT_TRUE(powerRequests().empty());
-  EXPECT_TRUE(pollUntil([] { return notifications().callsTo("CloseNotification").size() == 2; }, 10));
 }
 
 TEST_F(PowerActions, LogOutAndShutDownAskTheSessionManagerFirst) {
+  struct Call {
+    std::string method, signature;
+    std::vector<std::string> args;
+  };
   struct Manager {
-    const char *name, *busName, *path, *interface;
-    // Method, input signature and the arguments it must receive.
-    std::string logOut, logOutSignature;
-    std::vector<std::string> logOutArgs;
-    std::string shutDown, shutDownSignature;
-    std::vector<std::string> shutDownArgs;
+    const char *busName, *path, *interface;
+    Call logOut, shutDown;
   };
   const Manager managers[] = {
-      {"GNOME", "org.gnome.SessionManager", "/org/gnome/SessionManager", "org.gnome.SessionManager", "Logout", "u",
-       {"1"}, "Shutdown", "", {}},
-      {"KDE Plasma", "org.kde.Shutdown", "/Shutdown", "org.kde.Shutdown", "logout", "", {}, "logoutAndShutdown", "",
-       {}},
-      {"older KDE", "org.kde.ksmserver", "/KSMServer", "org.kde.KSMServerInterface", "logout", "iii",
-       {"0", "0", "-1"}, "logout", "iii", {"0", "2", "-1"}},
+      {"org.gnome.SessionManager", "/org/gnome/SessionManager", "org.gnome.SessionManager", {"Logout", "u", {"1"}},
+       {"Shutdown", "", {}}},
+      {"org.kde.Shutdown", "/Shutdown", "org.kde.Shutdown", {"logout", "", {}}, {"logoutAndShutdown", "", {}}},
+      {"org.kde.ksmserver", "/KSMServer", "org.kde.KSMServerInterface", {"logout", "iii", {"0", "0", "-1"}},
+       {"logout", "iii", {"0", "2", "-1"}}},
   };
   for (const Manager& m : managers) {
-    SCOPED_TRACE(m.name);
-    Mock manager = gPeers->sessionBus.startBareMock(m.busName, m.path, m.interface);
+    SCOPED_TRACE(m.busName);
+    Mock manager = gPeers->sessionBus->startBareMock(m.busName, m.path, m.interface);
     ASSERT_TRUE(manager.started());
-    for (const auto& [method, signature] : {std::pair(m.logOut, m.logOutSignature), {m.shutDown, m.shutDownSignature}})
-      ASSERT_TRUE(manager.mock("AddMethod", std::string(m.interface) + " " + method + " \"'" + signature +
+    for (const Call& call : {m.logOut, m.shutDown})
+      ASSERT_TRUE(manager.mock("AddMethod", std::string(m.interface) + " " + call.method + " \"'" + call.signature +
                                                 "'\" \"''\" \"''\""));
     ASSERT_TRUE(logind().clearCalls());
     controller_.logOutUser();
@@ -219,10 +211,10 @@ TEST_F(PowerActions, LogOutAndShutDownAskTheSessionManagerFirst) {
     auto calls = manager.recorded();
     manager.stop();
     ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].method, m.logOut);
-    EXPECT_EQ(calls[0].args, m.logOutArgs);
-    EXPECT_EQ(calls[1].method, m.shutDown);
-    EXPECT_EQ(calls[1].args, m.shutDownArgs);
+    EXPECT_EQ(calls[0].method, m.logOut.method);
+    EXPECT_EQ(calls[0].args, m.logOut.args);
+    EXPECT_EQ(calls[1].method, m.shutDown.method);
+    EXPECT_EQ(calls[1].args, m.shutDown.args);
     // Sleep asks nobody's consent: logind alone.
     expectOneRequest("Suspend", {"False"});
   }
@@ -236,19 +228,19 @@ TEST_F(PowerActions, NoAlertThatCanBeSeenMeansNoAction) {
   setLogoutAction(3);
   quillon_test::LogSince log;
   performPostRenderActions();
-  setenv("DBUS_SESSION_BUS_ADDRESS", gPeers->sessionBus.address().c_str(), 1);
+  setenv("DBUS_SESSION_BUS_ADDRESS", gPeers->sessionBus->address().c_str(), 1);
   EXPECT_TRUE(powerRequests().empty());
   EXPECT_EQ(log.count("Shut down was not performed: no alert could be shown to ask first"), 1u) << log.text();
 }
 
-// Without the shortened countdown: well into the real one the computer is
-// still awake; then the user's answer ends it early.
+// Without the shortened countdown: some seconds into the real one the
+// computer is still awake; then the user's answer ends it early.
 TEST_F(PowerActions, SleepWaitsForTheRealCountdown) {
   PowerActionsTesting::setAlertIntervalOverride(std::nullopt);
   setLogoutAction(1);
   performPostRenderActions([] {
-    EXPECT_FALSE(pollUntil([] { return !powerRequests().empty(); }, 12));
-    answerNotification(1, "1");
+    EXPECT_FALSE(pollUntil([] { return !powerRequests().empty(); }, 8));
+    answerNotification(1, "'1'");
   });
   expectOneRequest("Suspend", {"False"});
 }

@@ -1,7 +1,5 @@
-// A run of the built agent (build/bin/quillon-helper) as its own process,
-// with HOME set to a temporary home. It runs as root inside its own mount
-// namespace (tests/support/run-agent.sh), so its log lands in a folder of the
-// test and the machine's /var/log is never touched.
+// The built agent as its own process in a temporary home, in its own mount
+// namespace (run-agent.sh), so the machine's /var/log is never touched.
 #pragma once
 
 #include <fcntl.h>
@@ -22,8 +20,7 @@ namespace quillon_test {
 
 inline std::string agentSettingsPath(const std::string& home) { return home + "/.config/com.morvane.Quillon.plist"; }
 
-// Writes the agent's settings as the preferences application does; `json`
-// is the root dictionary, e.g. {"watchFolders": ["/a"], "notifyGrowl": 1}.
+// Writes the agent's settings as the preferences application does; `json`: the root dictionary.
 inline bool writeAgentSettings(const std::string& home, const std::string& json) {
   return shell("/usr/bin/python3 " + std::string(QUILLON_SOURCE_DIR) + "/tests/support/write-settings.py '" +
                agentSettingsPath(home) + "' '" + json + "'") == 0;
@@ -48,25 +45,20 @@ class Agent {
   explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {},
                  const std::string& logDir = "")
       : logDir_(logDir.empty() ? makeTempDir("agent-log") : logDir), output_(logDir_ + "/output.txt") {
-    std::vector<std::string> args = {"/bin/sh", std::string(QUILLON_SOURCE_DIR) + "/tests/support/run-agent.sh",
-                                     logDir_, binPath("quillon-helper")};
+    // env and the wrapper exec all the way down, so the pid is the agent's.
+    std::vector<std::string> args = {"/usr/bin/env", "HOME=" + home, "/bin/sh",
+                                     std::string(QUILLON_SOURCE_DIR) + "/tests/support/run-agent.sh", logDir_,
+                                     binPath("quillon-helper")};
     args.insert(args.end(), arguments.begin(), arguments.end());
-    std::vector<std::string> env;
-    for (char** e = environ; *e; ++e)
-      if (std::string(*e).rfind("HOME=", 0) != 0) env.emplace_back(*e);
-    env.push_back("HOME=" + home);
-
-    std::vector<char*> argv, envp;
+    std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
-    for (auto& e : env) envp.push_back(e.data());
     argv.push_back(nullptr);
-    envp.push_back(nullptr);
     // What the agent prints goes to a file beside the log.
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 1, output_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     posix_spawn_file_actions_adddup2(&files, 1, 2);
-    if (posix_spawn(&pid_, "/bin/sh", &files, nullptr, argv.data(), envp.data()) != 0) pid_ = 0;
+    if (posix_spawn(&pid_, argv[0], &files, nullptr, argv.data(), environ) != 0) pid_ = 0;
     posix_spawn_file_actions_destroy(&files);
   }
   ~Agent() {
@@ -79,7 +71,6 @@ class Agent {
   Agent& operator=(const Agent&) = delete;
 
   bool started() const { return pid_ > 0; }
-  // The agent's own pid: the wrapper execs all the way down to it.
   pid_t pid() const { return pid_; }
   void signal(int signo) const {
     if (pid_ > 0) kill(pid_, signo);
@@ -103,10 +94,8 @@ class Agent {
   std::string log() const { return readFile(logDir_ + "/quillon-helper.1.log"); }
   std::string output() const { return readFile(output_); }
   std::size_t logCount(const std::string& part) const { return timesIn(log(), part); }
-  // A folder's watch is live once an event for it shows in the log. A file
-  // written while the stream is being re-created is not seen (the stream
-  // starts from now), so after a reload the test writes a probe that is no
-  // media file, and thus never announced, until the agent logs the folder.
+  // A folder's watch is live once an event for it shows in the log: a probe
+  // (no media file, never announced) is written until the agent logs one.
   bool waitUntilWatching(const std::string& folder, double seconds) {
     const std::string event = "path = " + folder + "/;";
     std::size_t before = logCount(event);

@@ -24,8 +24,7 @@ namespace power_test {
 using quillon_test::MockCall;
 using quillon_test::PrivateBus;
 
-// As quillon_test::waitUntil, for conditions that are costly to ask (they
-// start a program): asked every quarter second while the main loop turns.
+// waitUntil for conditions that start a program: asked every quarter second.
 inline bool pollUntil(const std::function<bool()>& condition, double seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   while (std::chrono::steady_clock::now() < deadline) {
@@ -35,9 +34,8 @@ inline bool pollUntil(const std::function<bool()>& condition, double seconds) {
   return condition();
 }
 
-// Runs `work` on a worker thread, as the agent's folder check does, and
-// `whileRunning` on the main thread, then turns the main loop until the
-// work is done.
+// `work` on a worker thread, as the agent's folder check runs, and
+// `whileRunning` on the main thread, which turns until the work is done.
 inline void runOnWorker(const std::function<void()>& work, const std::function<void()>& whileRunning = {}) {
   std::atomic<bool> done{false};
   std::thread worker([&] {
@@ -51,8 +49,7 @@ inline void runOnWorker(const std::function<void()>& work, const std::function<v
 
 inline const std::string kScripts = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
 
-// A dbusmock template on `bus` for one scope (the bus's own flavour decides
-// between --session and --system).
+// A dbusmock template on `bus`, stopped with the object.
 class MockService : public quillon_test::Mock {
  public:
   MockService(PrivateBus& bus, const std::string& /*busOption*/, const std::string& templateName,
@@ -70,8 +67,7 @@ class VirtualDisplay {
     // No accessibility bus on the private buses; GTK need not look for one.
     setenv("NO_AT_BRIDGE", "1", 1);
     numberFile_ = quillon_test::makeTempDir("xvfb") + "/display";
-    // -displayfd: the server picks a free display and tells us which. No
-    // reset when the last client leaves: root window properties stay.
+    // -displayfd: the server picks a free display and tells which. -noreset: root window properties stay.
     pid_ = fork();
     if (pid_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGTERM);  // dies with a test process that dies
@@ -102,8 +98,7 @@ class VirtualDisplay {
   int click(const std::pair<int, int>& at) const {
     return xdotool("mousemove " + std::to_string(at.first) + " " + std::to_string(at.second) + " click 1");
   }
-  // Types `keys` into the window titled `title`. Without a window manager
-  // nobody hands out the keyboard focus, so it is given first.
+  // Types `keys` into the window titled `title`, given the focus first (no window manager does).
   int typeInto(const std::string& title, const std::string& keys) const {
     return xdotool("search --sync --onlyvisible --name '^" + title + "$' windowfocus --sync key --clearmodifiers " +
                    keys);

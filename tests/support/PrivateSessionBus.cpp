@@ -14,8 +14,7 @@ namespace {
 
 const std::string kSupport = std::string(QUILLON_SOURCE_DIR) + "/tests/support";
 
-// The keyring keeps its control socket in the runtime folder, and must not
-// meet one of the real session.
+// The keyring keeps its control socket here; it must not meet the real session's.
 std::string privateRuntimeDir() {
   std::string runtime = makeTempDir("runtime");
   chmod(runtime.c_str(), 0700);
@@ -58,9 +57,7 @@ pid_t PrivateBus::startDaemon(const std::string& shellCommand) {
   const std::string command = "exec env " + variable + "='" + address_ + "' " + shellCommand;
   pid_t pid = fork();
   if (pid == 0) {
-    // A test process that dies (a sanitizer halting it, a crash) takes its
-    // services along instead of leaving them behind.
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);  // a test that dies takes its services along
     execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
@@ -146,9 +143,7 @@ PrivateSessionBus::PrivateSessionBus()
 
 bool PrivateSessionBus::startKeyring() {
   if (!running()) return false;
-  // The keyring reads the login password on standard input and creates an
-  // unlocked login keyring with it. From a file rather than a pipe, so that
-  // the pid we kill is the daemon's.
+  // The login password on standard input, from a file so that the pid we kill is the daemon's.
   std::string login = makeTempDir("keyring") + "/login";
   writeFile(login, "test-login");
   startDaemon("gnome-keyring-daemon --foreground --unlock --components=secrets <" + login + " >/dev/null 2>&1");

@@ -1,9 +1,6 @@
-// Private D-Bus daemons for tests, in a session and a system flavour, and
-// python3-dbusmock services on them whose calls the tests read back.
-//
-// The buses run without service activation (session.conf, system-bus.conf),
-// so a service is present only while the test runs it. Every program started
-// on a bus is ended with it, and dies with the test process if that dies.
+// Private D-Bus daemons, session or system flavour, without service
+// activation, and python3-dbusmock services on them whose calls the tests
+// read back. Every program started on a bus ends with it, or with the test.
 #pragma once
 
 #include <sys/types.h>
@@ -49,21 +46,17 @@ class PrivateBus {
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
 
-  // False when the bus daemon could not be started (see error()).
   bool running() const { return busPid_ > 0; }
   bool isRunning() const { return running(); }
   const std::string& address() const { return address_; }
   const std::string& error() const { return error_; }
 
-  // Starts a program with this bus as its session or system bus; it is
-  // killed at the end.
+  // A program with this bus as its session or system bus, killed at the end or by stopDaemon.
   pid_t startDaemon(const std::string& shellCommand);
-  // Ends one program started here, before the bus ends.
   void stopDaemon(pid_t pid);
 
-  // Starts dbusmock with a template (a name or a script's path) and waits
-  // until it owns `busName`; a Mock that did not start otherwise. `path`:
-  // its main object, when not the bus name spelt as a path.
+  // dbusmock with a template (a name or a script), once it owns `busName`;
+  // `path`: its main object, when not the bus name spelt as a path.
   Mock startMock(const std::string& busName, const std::string& mockTemplate, const std::string& path = "");
   // A bare dbusmock object at `path`, its methods to be added with AddMethod.
   Mock startBareMock(const std::string& busName, const std::string& path, const std::string& interface);
@@ -81,16 +74,14 @@ class PrivateBus {
   std::vector<pid_t> daemons_;
 };
 
-// A private session bus that this process (and every program it starts)
-// uses while the object lives, with a private runtime folder, optionally
-// with an unlocked gnome-keyring as its Secret Service.
+// A private session bus and runtime folder that this process and its
+// children use while the object lives.
 class PrivateSessionBus : public PrivateBus {
  public:
   PrivateSessionBus();
   using Mock = quillon_test::Mock;
 
-  // Starts gnome-keyring-daemon's Secret Service, with an unlocked login
-  // keyring, and waits until it owns org.freedesktop.secrets.
+  // gnome-keyring's Secret Service with an unlocked login keyring, once it owns its name.
   [[nodiscard]] bool startKeyring();
 
  private:

@@ -1,10 +1,6 @@
 #!/usr/bin/python3
-"""Writes the agent's settings file as the preferences application would.
-
-Usage: write-settings.py PATH JSON
-The JSON object becomes the property list's root dictionary (XML format).
-The file is replaced in one step, so the agent never reads half of it.
-"""
+# Usage: write-settings.py PATH JSON. The settings as the preferences application writes
+# them: an XML property list, replaced in one step so the agent never reads half of it.
 import json
 import os
 import plistlib
