@@ -68,19 +68,14 @@ TEST_F(MVFileManagerTest, WildcardsExpandOverARealTreeWhereOnlyWhatExistsCounts)
     EXPECT_EQ(MVFileManager::filesMatchingWildcardPath(c.pattern, c.basePath), c.expected);
     EXPECT_EQ(MVFileManager::filesMatchingWildcardPath(c.pattern, c.basePath, true), c.expected);
   }
-}
 
-TEST(MVFileManager, NamesMatchStarAndQuestionMarkOnly) {
-  struct Case {
-    const char* name;
-    const char* pattern;
+  // Names match "*" and "?" (one character, not one byte) only, case and all.
+  const struct {
+    const char *name, *pattern;
     bool matches;
-  } cases[] = {
+  } names[] = {
       {".hidden", "*", true},    {"abcbd", "a*b?", true},  {"abc", "*b", false},  {"ab", "?", false},
       {"\xC3\xA9", "?", true},   {"[x]", "[x]", true},     {"x", "[x]", false},   {"mixed", "MIXED", false},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(std::string(c.name) + " ~ " + c.pattern);
-    EXPECT_EQ(MVFileManager::nameMatchesWildcard(c.name, c.pattern), c.matches);
-  }
+  for (const auto& n : names) EXPECT_EQ(MVFileManager::nameMatchesWildcard(n.name, n.pattern), n.matches) << n.name;
 }
