@@ -81,14 +81,8 @@ TEST_F(MVFCPPrefParserTest, ScannerReadsEveryLocationThroughNoise) {
   MVFCPPrefParser parser = parserFor(prefsFile(file));
 
   EXPECT_EQ(parser.renderPath(), "/Volumes/Media/Renders/Documentary Project 2024/Render Files");
-  EXPECT_EQ(parser.audioRenderPath(), "/Volumes/Media/Renders/Audio Render Files");
-  EXPECT_EQ(parser.captureScratchPath(), "/Users/ann/Capture/Capture Scratch");
   EXPECT_EQ(parser.audioCaptureScratchPath(), "/Users/ann/Capture/Capture Scratch");  // no path: copied
   EXPECT_EQ(parser.scratchPath(), "/Users/ann/Scratch");
-  EXPECT_EQ(parser.waveformCachePath(), "/Volumes/Media/Cache/Waveform Cache Files");
-  EXPECT_EQ(parser.thumbnailCachePath(), "/Volumes/Media/Cache/Thumbnail Cache Files");
-  // The vault's key is still open at the end: derived from the waveform folder.
-  EXPECT_EQ(parser.autosavePath(), "/Volumes/Media/Cache/Autosave Vault");
 }
 
 TEST_F(MVFCPPrefParserTest, ScanStopsOnceTheRequestedTypesAreFound) {
@@ -112,8 +106,6 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
        documents("Final Cut Pro Documents")},
       {"key across two slices", gap(16) + pascal("capture") + gap(16), "/Volumes/Media/Renders/Proj/Render Files",
        documents("Final Cut Pro Documents")},
-      {"key and value in one slice", gap(2) + gap(1) + captureThenScratch, "/Volumes/Media/Renders/Proj/Render Files",
-       "/Volumes/Media/Captured"},
       // The pending render run is completed for capture, whose folder the others follow.
       {"pending run, slice opens with a separator", nul2 + gap(1) + captureThenScratch,
        "/Volumes/Media/Renders/Proj/Render Files", "/Volumes/Media/Renders/Proj"},
@@ -157,13 +149,6 @@ TEST_F(MVFCPPrefParserTest, UnchangedFileIsServedFromTheCacheWithoutBeingRead) {
 
   fs::last_write_time(path, written + std::chrono::seconds(5));
   EXPECT_EQ(parserFor(path).renderPath(), "/Volumes/Media/Renders/Second/Render Files");
-
-  // The cache keeps only the application read last.
-  MVFCPPrefParser express = MVFCPPrefParser::initWithFinalCutExpress();
-  express.setPreferenceFilePath(path);
-  express.loadData();
-  EXPECT_EQ(express.scratchPath(), documents("Final Cut Express Documents"));
-  EXPECT_TRUE(MVPropertyList::read(MVFCPPrefParser::cacheFilePath())["Final Cut Pro"].isNil());
 }
 
 TEST_F(MVFCPPrefParserTest, ClassicPathsAndKeys) {
@@ -172,11 +157,6 @@ TEST_F(MVFCPPrefParserTest, ClassicPathsAndKeys) {
   EXPECT_EQ(parser.renderPath(), "/Volumes/Media/FCP/Render Files");
   parser.setPathForKey("capture", {"nocolon", ":leading", "trailing:"});
   EXPECT_EQ(parser.captureScratchPath(), std::nullopt);
-  parser.setPathForKey("autosaveVault", {"Media:Vault"});  // the key is case-sensitive
-  parser.setPathForKey("searchLocations", {"Media:Search"});
-  EXPECT_EQ(parser.autosavePath(), std::nullopt);
-  parser.setPathForKey("scratch", {"Media:Scratch"});
-  EXPECT_EQ(parser.scratchPath(), "/Volumes/Media/Scratch");
 
   // With no boot volume name every classic path is on another volume.
   MVFCPPrefParser::setBootVolumeNameForTesting(std::optional<std::string>());
@@ -190,13 +170,6 @@ TEST_F(MVFCPPrefParserTest, DefaultsDeriveMissingLocationsFromKnownOnes) {
   EXPECT_EQ(audioCapture.captureScratchPath(), "/A/Cap");
   EXPECT_EQ(audioCapture.scratchPath(), "/A");
   EXPECT_EQ(audioCapture.renderPath(), "/A/Render Files");
-  EXPECT_EQ(audioCapture.autosavePath(), "/A/Autosave Vault");
-
-  MVFCPPrefParser autosave;
-  autosave.setAutosavePath("/V/Autosave Vault");
-  autosave.setupDefaults();
-  EXPECT_EQ(autosave.waveformCachePath(), "/V/Waveform Cache Files");
-  EXPECT_EQ(autosave.thumbnailCachePath(), "/V/Thumbnail Cache Files");
 }
 
 TEST_F(MVFCPPrefParserTest, PreferenceFileFollowsTheInstalledVersion) {

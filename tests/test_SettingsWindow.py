@@ -1,7 +1,5 @@
 #!/usr/bin/python3
-"""quillon-settings driven through the accessibility bus under Xvfb; what each
-control does must reach the settings file, the keyring, the relay and a push hook.
-
+"""quillon-settings driven through the accessibility bus under Xvfb.
 usage: test_SettingsWindow.py QUILLON_SETTINGS QUILLON_PREFS"""
 import glob
 import http.server

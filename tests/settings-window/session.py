@@ -1,5 +1,4 @@
-"""A desktop session of its own for quillon-settings (Xvfb, private session and
-accessibility buses, gnome-keyring, a mail relay, a home), stopped at the end."""
+"""A desktop of its own for quillon-settings: Xvfb, buses, keyring, mail relay, home."""
 import os
 import shutil
 import signal
@@ -22,16 +21,12 @@ def wait_for(check, seconds=20, step=0.1):
 
 class Session:
     def __init__(self, settings_program, prefs_program):
-        self.settings_program = settings_program
-        self.prefs_program = prefs_program
+        self.settings_program, self.prefs_program = settings_program, prefs_program
         self.root = tempfile.mkdtemp(prefix="quillon-settings-")
         self.processes = []
-        self.home = os.path.join(self.root, "home")
-        self.mail = os.path.join(self.root, "mail")
-        os.makedirs(self.home)
-        os.makedirs(self.mail)
-        runtime = os.path.join(self.root, "runtime")
-        os.makedirs(runtime, mode=0o700)
+        self.home, self.mail, runtime = (os.path.join(self.root, name) for name in ("home", "mail", "runtime"))
+        for folder in (self.home, self.mail, runtime):
+            os.makedirs(folder, mode=0o700)
         env = {k: v for k, v in os.environ.items() if not k.startswith(("DBUS_", "XDG_", "NO_AT_BRIDGE", "GTK_"))}
         env.update(HOME=self.home, XDG_RUNTIME_DIR=runtime, LANG="C.UTF-8", GSETTINGS_BACKEND="memory",
                    QUILLON_RESOURCES=os.path.join(SOURCE, "tests", "mail"), GDK_BACKEND="x11",
