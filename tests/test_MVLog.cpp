@@ -68,9 +68,6 @@ TEST_F(MVLogTest, NewLogStartsWithHeaderAndTheFirstNameWins) {
   auto lines = messages(logPath("HeaderApp"));
   ASSERT_EQ(lines.size(), 6u) << readFile(logPath("HeaderApp"));
   EXPECT_EQ(lines[0].rfind("Log started: ", 0), 0u);
-  EXPECT_EQ(lines[1], "Version: 1.0.0");
-  EXPECT_EQ(lines[2], "Path: " + fs::read_symlink("/proc/self/exe").string());
-  EXPECT_EQ(lines[4], "Running in 64-bit mode");
   EXPECT_EQ(lines[5], "clip.mov rendered at 50%");
 
   MVLog::createNewLog("OtherName", true);

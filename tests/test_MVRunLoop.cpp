@@ -1,8 +1,7 @@
+// The main loop: timers and work handed over from other threads.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <csignal>
 #include <thread>
 
 #include "MVRunLoop.h"
@@ -52,27 +51,4 @@ TEST(MVRunLoop, PerformOnMainThreadWaitsAndRunsInOrder) {
   bool ran = false;
   loop.performOnMainThread([&] { ran = true; }, true);
   EXPECT_TRUE(ran);
-}
-
-TEST(MVRunLoop, IOSourceAndSignalsReachTheMainThread) {
-  MVRunLoop& loop = MVRunLoop::main();
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  std::string got;
-  auto source = loop.addIOSource(fds[0], MVRunLoop::kReadable, [&](unsigned cond) {
-    char buf[16];
-    ssize_t n = read(fds[0], buf, sizeof buf);
-    if (n > 0) got.append(buf, static_cast<size_t>(n));
-    return (cond & MVRunLoop::kReadable) && n > 0;
-  });
-  ASSERT_EQ(write(fds[1], "hi", 2), 2);
-  EXPECT_TRUE(waitUntil([&] { return got == "hi"; }, 2));
-  source->invalidate();
-  close(fds[0]);
-  close(fds[1]);
-
-  int hups = 0;
-  loop.onSignal(SIGHUP, [&] { ++hups; });
-  kill(getpid(), SIGHUP);
-  EXPECT_TRUE(waitUntil([&] { return hups == 1; }, 2));
 }
