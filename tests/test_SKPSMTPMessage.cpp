@@ -311,27 +311,3 @@ TEST(SKPSMTPMessage, TrimsEachRecipient) {
   EXPECT_EQ(message->formatAddresses(" \ta@x.example\t ,  Ann <b@y.example> , <c@z.example>"),
             "RCPT TO:<a@x.example>\r\nRCPT TO:Ann <b@y.example>\r\nRCPT TO:<c@z.example>\r\n");
 }
-
-TEST(SKPSMTPStreams, SocketPairCarriesALargeWriteWhileTheReaderDrains) {
-  std::shared_ptr<SKPSMTPStream> reader, writer;
-  CFStreamCreatePairWithUNIXSocketPair(&reader, &writer);
-  std::string received;
-  bool ended = false;
-  reader->setDelegate([&](SKPSMTPStream& stream, SKPSMTPStreamEvent event) {
-    std::uint8_t buffer[65536];
-    long n = event == SKPSMTPStreamEvent::HasBytesAvailable ? stream.read(buffer, sizeof buffer) : 0;
-    if (n > 0) received.append(reinterpret_cast<char*>(buffer), static_cast<std::size_t>(n));
-    ended |= event == SKPSMTPStreamEvent::EndEncountered;
-  });
-  reader->open();
-  writer->open();
-  EXPECT_EQ(CFWriteStreamWriteFully(*writer, nullptr, 0), 0);
-
-  // Far more than a socket buffer holds: the write must wait for the reader.
-  std::string payload(4 << 20, '\0');
-  for (std::size_t i = 0; i < payload.size(); ++i) payload[i] = static_cast<char>(i * 7);
-  EXPECT_EQ(CFWriteStreamWriteFully(*writer, payload), static_cast<long>(payload.size()));
-  writer->close();
-  EXPECT_TRUE(waitUntil([&] { return ended; }, 10));
-  EXPECT_TRUE(received == payload);
-}
