@@ -266,7 +266,7 @@ TEST_F(QuillonPrefsToolBusTest, EveryChangeAndOnlyAChangeAsksTheAgentToReload) {
     EXPECT_EQ(outcome.err.find("no session bus"), std::string::npos) << outcome.err;
     // The expected notice, then a little time for a stray second one.
     waitUntil([&] { return reloads >= c.reloads; }, 5);
-    waitUntil([] { return false; }, 0.5);
+    waitUntil([] { return false; }, 0.3);
     EXPECT_EQ(reloads, c.reloads);
   }
 }
