@@ -14,13 +14,6 @@ namespace {
 
 void writeSettings(const std::string& home, const std::string& json) { ASSERT_TRUE(writeAgentSettings(home, json)); }
 
-void announceConfigUpdate() {
-  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
-                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
-                  "dict:string:string:"),
-            0);
-}
-
 class AgentEndToEnd : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -62,7 +55,9 @@ TEST_F(AgentEndToEnd, AnnouncesRendersAndRewatchesOnReload) {
   // The preferences application rewrites the settings and posts the update
   // on the bus: A is dropped, C is added.
   writeSettings(home, R"({"watchFolders": [")" + b + R"(", ")" + c + R"("], "notifyGrowl": 1, "notifySound": 1})");
-  announceConfigUpdate();
+  ASSERT_EQ(shell("dbus-send --session --type=signal /com/morvane/DistributedNotificationCenter "
+                  "com.morvane.DistributedNotificationCenter.Notification string:MVQuillonConfigUpdate string: "
+                  "dict:string:string:"), 0);
   ASSERT_TRUE(agent.waitForLog("Setting up...", 2, 20)) << agent.log();
   ASSERT_TRUE(agent.waitUntilWatching(c, 20)) << "the added folder is not watched\n" << agent.log();
   writeMovie(a + "/a2.mov");

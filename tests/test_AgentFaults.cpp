@@ -64,22 +64,16 @@ TEST_F(AgentFaults, AVanishedFolderALostBusAndGarbageSettingsAreSurvivedAndLeftA
 }
 
 TEST_F(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
-  const struct {
-    const char* fault;
-    const char* complaint;
-  } cases[] = {
-      {"readonly", "Unable to open log for output"},
-      {"full", "Exception writing to log: No space left on device"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.fault);
+  for (const auto& [fault, complaint] : {std::pair{"readonly", "Unable to open log for output"},
+                                         std::pair{"full", "Exception writing to log: No space left on device"}}) {
+    SCOPED_TRACE(fault);
     NotifyingBus bus;
     ASSERT_TRUE(bus.ready()) << bus.bus.error();
     home = makeTempDir("faults-log-home");
     folder = home + "/Renders";
     watch(true);
 
-    EnvOverride fault("QUILLON_TEST_LOG_FAULT", c.fault);
+    EnvOverride logFault("QUILLON_TEST_LOG_FAULT", fault);
     Agent agent(home);
     // Without a log there is no sign of the watch being ready: a new render
     // every few seconds until one is announced.
@@ -93,7 +87,7 @@ TEST_F(AgentFaults, AReadOnlyOrFullLogFolderSilencesOnlyTheLog) {
       return bus.notified("\"File: take") > 0 || !agent.running();
     }, 60) && bus.notified("\"File: take") > 0) << agent.output();
     EXPECT_TRUE(agent.running()) << agent.output();
-    EXPECT_NE(agent.output().find(c.complaint), std::string::npos) << agent.output();
+    EXPECT_NE(agent.output().find(complaint), std::string::npos) << agent.output();
     for (int i = 1; i <= written; ++i)
       EXPECT_EQ(fs::file_size(folder + "/take" + std::to_string(i) + ".mov"), 300000u);
     EXPECT_EQ(agent.stop(SIGTERM), 0) << agent.output();

@@ -1,5 +1,4 @@
-// Crash detection: the markers, the search for the crash log and the offer
-// to open it, in process and with the real agent killed by a fatal signal.
+// Crash detection: markers, the crash log's search and offer, in process and with the real agent.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -40,13 +39,6 @@ class CrashReporterTest : public ::testing::Test {
     return path;
   }
   std::string oldCrashLog(const std::string& name) { return crashLog(name, Clock::now() - 1h); }
-
-  // A run launched a minute ago that has not ended.
-  void setLaunchMarker() {
-    MVPlistValue markers;
-    markers.set("launch", Clock::now() - 60s);
-    ASSERT_TRUE(MVPropertyList::write(markers_, markers));
-  }
 
   RecordingDesktop::Installed desktop_;
   std::string markers_;
@@ -148,7 +140,9 @@ TEST_F(CrashReporterTest, FindsTheApplicationsNewCrashLogAndOffersItUnlessSwitch
     MVPlistValue global{MVPlistValue::Dictionary{}};
     if (!c.switchedOff.isNil()) global.set("disable-crash-reporter", c.switchedOff);
     ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), global));
-    setLaunchMarker();
+    MVPlistValue markers;
+    markers.set("launch", Clock::now() - 60s);  // a run launched a minute ago that has not ended
+    ASSERT_TRUE(MVPropertyList::write(markers_, markers));
     std::string path = crashLog(c.file);
     LogSince log;
     EXPECT_EQ(MVBugReporter::checkForCrashes("Quillon", markers_), c.found ? std::optional(path) : std::nullopt);

@@ -36,16 +36,13 @@ bool fileHasLine(const std::string& path, const std::string& line) {
 
 // One private session bus for the whole process, and a recorder application,
 // the default for text files and folders, so that opening can be observed.
-class Desktop {
- public:
+struct Desktop {
   static Desktop& shared() {
     static Desktop desktop;
     return desktop;
   }
   PrivateSessionBus bus;
   std::string opened = testHome() + "/opened.txt";  // the recorder's output file
-
- private:
   Desktop() {
     writeFile(testHome() + "/.local/share/applications/quillon-recorder.desktop",
               "[Desktop Entry]\nType=Application\nName=Quillon Test Recorder\nExec=" + makeRecorder(opened) +

@@ -1,5 +1,4 @@
-// The alert as a GTK dialog on a private X server driven with xdotool (as a
-// notification when there is no display: test_PowerActions).
+// The alert as a GTK dialog on a private X server, driven with xdotool (notifications: test_PowerActions).
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,18 +8,10 @@
 #include "PowerAlertServices.h"
 #include "PowerTestSupport.h"
 
-using quillon_test::EnvOverride;
-using quillon_test::waitUntil;
+using namespace quillon_test;
 using Code = MVAlert::ReturnCode;
 
 namespace {
-
-// Runs a blocking `call` on a worker and `whileWaiting` on the main thread.
-Code runOnWorker(const std::function<Code()>& call, const std::function<void()>& whileWaiting) {
-  Code code = 99;
-  power_test::runOnWorker([&] { code = call(); }, whileWaiting);
-  return code;
-}
 
 class LinuxAlerts : public ::testing::Test {
  protected:
@@ -74,9 +65,10 @@ TEST_F(LinuxAlerts, DialogShowsTextsLiterallyAndEachButtonOrTheCountdownGivesIts
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    Code code = runOnWorker(
+    Code code = 99;
+    power_test::runOnWorker(
         [&] {
-          return MVAlert::timedAlertSheetWithMessageText("Rendering complete. Do you wish to sleep now?", "Sleep",
+          code = MVAlert::timedAlertSheetWithMessageText("Rendering complete. Do you wish to sleep now?", "Sleep",
                                                          "Cancel", std::nullopt, "100% done, %d frames, %@ left",
                                                          nullptr, c.countdown);
         },

@@ -36,21 +36,13 @@ pid_t holdInChild(const std::string& name) {
   return ok ? pid : -1;
 }
 
-class MVSingleInstanceTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    runtime_ = quillon_test::makeTempDir("runtime");
-    chmod(runtime_.c_str(), 0700);
-    setenv("XDG_RUNTIME_DIR", runtime_.c_str(), 1);
-  }
-  void TearDown() override { unsetenv("XDG_RUNTIME_DIR"); }
-  std::string runtime_;
-};
-
-TEST_F(MVSingleInstanceTest, SecondHolderIsRefusedUntilTheFirstEndsAndProgramsItStartsDoNotKeepIt) {
+TEST(MVSingleInstance, SecondHolderIsRefusedUntilTheFirstEndsAndProgramsItStartsDoNotKeepIt) {
+  std::string runtime = quillon_test::makeTempDir("runtime");
+  chmod(runtime.c_str(), 0700);
+  quillon_test::EnvOverride runtimeDir("XDG_RUNTIME_DIR", runtime);
   pid_t first = holdInChild("agent-a");
   ASSERT_GT(first, 0);
-  EXPECT_EQ(MVSingleInstance::lockPath("agent-a"), runtime_ + "/agent-a.lock");
+  EXPECT_EQ(MVSingleInstance::lockPath("agent-a"), runtime + "/agent-a.lock");
   EXPECT_FALSE(MVSingleInstance::acquire("agent-a"));
   EXPECT_EQ(MVSingleInstance::holderProcessID("agent-a"), first);
   EXPECT_TRUE(MVSingleInstance::acquire("agent-b")) << "a lock of another name is independent";
@@ -61,17 +53,17 @@ TEST_F(MVSingleInstanceTest, SecondHolderIsRefusedUntilTheFirstEndsAndProgramsIt
   EXPECT_TRUE(MVSingleInstance::acquire("agent-a"));
   EXPECT_TRUE(MVSingleInstance::acquire("agent-a"));  // held already: still ours
   EXPECT_EQ(MVSingleInstance::holderProcessID("agent-a"), getpid());
-  EXPECT_EQ(shell("flock -n " + runtime_ + "/agent-a.lock true"), 1);
+  EXPECT_EQ(shell("flock -n " + runtime + "/agent-a.lock true"), 1);
 
   // A program the holder starts (a script the user chose) gets no handle
   // on the lock, or it would keep the lock after the agent ended.
   EXPECT_EQ(shellOutput("ls -l /proc/$$/fd").find("agent-a.lock"), std::string::npos);
 }
 
-TEST_F(MVSingleInstanceTest, WithoutARuntimeFolderTheCacheFolderIsUsed) {
-  unsetenv("XDG_RUNTIME_DIR");
+TEST(MVSingleInstance, WithoutARuntimeFolderTheCacheFolderIsUsed) {
+  quillon_test::EnvOverride runtimeDir("XDG_RUNTIME_DIR", std::nullopt);
   EXPECT_EQ(MVSingleInstance::lockPath("agent-d"), MVLocalPaths::cacheDirectory(true) + "/agent-d.lock");
-  setenv("XDG_RUNTIME_DIR", "/nonexistent/runtime", 1);
+  quillon_test::EnvOverride missing("XDG_RUNTIME_DIR", "/nonexistent/runtime");
   EXPECT_EQ(MVSingleInstance::lockPath("agent-d"), MVLocalPaths::cacheDirectory(true) + "/agent-d.lock");
 }
 

@@ -1,5 +1,4 @@
-// What the controller does when a render ends. The desktop, the sounds and
-// the notification service record what they are asked; scripts run for real.
+// What the controller does when a render ends; the desktop records what it is asked, scripts run for real.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -21,32 +20,26 @@
 #include "TestSupport.h"
 
 using namespace std::chrono_literals;
-using quillon_test::makeTempDir;
-using quillon_test::readFile;
-using quillon_test::waitUntil;
-using quillon_test::writeFile;
+using namespace quillon_test;
 using Calls = std::vector<std::string>;
 
 namespace {
 
 using Settings = std::vector<std::pair<std::string, MVPlistValue>>;
 
-void writeSettings(const Settings& settings) {
-  MVPlistValue root{MVPlistValue::Dictionary{}};
-  for (const auto& [key, value] : settings) root.set(key, value);
-  std::filesystem::create_directories(MVLocalPaths::prefsDirectory(true));
-  ASSERT_TRUE(MVPropertyList::write(QuillonPreferences::settingsPath(), root));
-}
-
+// A render's description, or the settings.
 MVPlistValue render(const Settings& keys) {
   MVPlistValue description{MVPlistValue::Dictionary{}};
   for (const auto& [key, value] : keys) description.set(key, value);
   return description;
 }
 
-std::string icon(const char* name) { return MVResources::pathForImageResource(name); }
+void writeSettings(const Settings& settings) {
+  std::filesystem::create_directories(MVLocalPaths::prefsDirectory(true));
+  ASSERT_TRUE(MVPropertyList::write(QuillonPreferences::settingsPath(), render(settings)));
+}
 
-using LogReader = quillon_test::LogSince;
+std::string icon(const char* name) { return MVResources::pathForImageResource(name); }
 
 class OutcomeDispatch : public ::testing::Test {
  protected:
@@ -80,9 +73,9 @@ class OutcomeDispatch : public ::testing::Test {
     chmod(script.c_str(), 0644);  // not executable: it must be handed to bash
     return script;
   }
-  static std::size_t lines(const std::string& path) { return quillon_test::timesIn(readFile(path), "\n"); }
+  static std::size_t lines(const std::string& path) { return timesIn(readFile(path), "\n"); }
 
-  quillon_test::RecordingDesktop::Installed desktop;
+  RecordingDesktop::Installed desktop;
   std::string folder;
   AppController* controller = nullptr;
   AppController::Date now;
@@ -130,7 +123,7 @@ TEST_F(OutcomeDispatch, EachKindOfRenderRunsTheChosenActionsInOrder) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     controller->setLastNotificationShown(std::nullopt);
-    LogReader log;
+    LogSince log;
     if (c.failed)
       controller->renderDidFail(c.render);
     else
@@ -162,9 +155,8 @@ TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) 
   for (const Case& c : cases) {
     SCOPED_TRACE(c.label);
     writeSettings(c.settings);
-    MVPlistValue global{MVPlistValue::Dictionary{}};
-    if (!c.growlOff.isNil()) global.set("growlDisabled", c.growlOff);
-    ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(), global));
+    ASSERT_TRUE(MVPropertyList::write(MVGlobalPreferences::path(),
+                                      render(c.growlOff.isNil() ? Settings{} : Settings{{"growlDisabled", c.growlOff}})));
     controller->setLastNotificationShown(std::nullopt);
     controller->renderDidFinishSuccessfully(watchRender("clip.mov"));
     // Each render is a new write of the file, so none is a repeat.
@@ -188,7 +180,7 @@ TEST_F(OutcomeDispatch, RepeatGuardSilencesOnlyTheSignalsOfASuccessAndDropsAFail
   writeSettings({{"notifyRunScript", 1}, {"scriptPath", script}});
   AppController::Date start = now;
 
-  LogReader log;
+  LogSince log;
   controller->renderDidFinishSuccessfully(watchRender("first.mov"));
   EXPECT_EQ(desktop->take(), (Calls{"notify:Render Complete|File: first.mov|icon-of:" + folder, "sound:Glass"}));
   ASSERT_TRUE(waitUntil([&] { return lines(output) == 1; }, 10)) << "the script did not run through bash";
@@ -277,7 +269,7 @@ TEST_F(OutcomeDispatch, OnlyWhenInactiveSkipsARenderWhileItsApplicationIsInFront
     writeSettings({{"onlyWhenInactive", c.option}, {"notifyFinder", 1}});
     frontmost = c.front;
     controller->setLastNotificationShown(std::nullopt);
-    LogReader log;
+    LogSince log;
     controller->renderDidFinishSuccessfully(c.render);
     Calls got = desktop->take();
     if (c.skipMessage) {
@@ -308,7 +300,7 @@ TEST_F(OutcomeDispatch, WaitForAsyncJobsFollowsTheSoundsStillPlaying) {
   controller->renderDidFail(watchRender("two.mov"));
   EXPECT_EQ(controller->asyncJobs(), 2);
 
-  LogReader log;
+  LogSince log;
   controller->waitForAsyncJobsWithTimeout(0.2);
   EXPECT_EQ(controller->asyncJobs(), 2) << "a timed-out wait keeps the count";
   EXPECT_EQ(log.count("Async jobs timed out"), 1u);

@@ -14,10 +14,7 @@
 #include "QuillonPreferences.h"
 
 using power_test::pollUntil;
-using quillon_test::Mock;
-using quillon_test::MockCall;
-using quillon_test::PrivateBus;
-using quillon_test::waitUntil;
+using namespace quillon_test;
 
 namespace {
 
@@ -226,7 +223,7 @@ TEST_F(PowerActions, NoAlertThatCanBeSeenMeansNoAction) {
   ASSERT_TRUE(emptyBus.running());
   setenv("DBUS_SESSION_BUS_ADDRESS", emptyBus.address().c_str(), 1);
   setLogoutAction(3);
-  quillon_test::LogSince log;
+  LogSince log;
   performPostRenderActions();
   setenv("DBUS_SESSION_BUS_ADDRESS", gPeers->sessionBus->address().c_str(), 1);
   EXPECT_TRUE(powerRequests().empty());

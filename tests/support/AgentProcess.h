@@ -38,10 +38,9 @@ struct NotifyingBus {
   std::size_t notified(const std::string& part) const { return linesWith(server.log(), "Notify \"Quillon\" ", part); }
 };
 
-// One run of build/bin/quillon-helper with HOME set to `home`.
+// One run of the agent with HOME set to `home`; `logDir` stands for /var/log/Morvane (new when empty).
 class Agent {
  public:
-  // `logDir`: the folder that stands for /var/log/Morvane (a new one when empty).
   explicit Agent(const std::string& home, const std::vector<std::string>& arguments = {},
                  const std::string& logDir = "")
       : logDir_(logDir.empty() ? makeTempDir("agent-log") : logDir), output_(logDir_ + "/output.txt") {

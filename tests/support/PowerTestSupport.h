@@ -1,5 +1,4 @@
-// Real peers for the alert and power tests: the private buses with their
-// dbusmock services (PrivateSessionBus.h) and an X server.
+// Real peers for the alert and power tests: private buses (PrivateSessionBus.h), an X server.
 #pragma once
 
 #include <signal.h>
@@ -34,8 +33,7 @@ inline bool pollUntil(const std::function<bool()>& condition, double seconds) {
   return condition();
 }
 
-// `work` on a worker thread, as the agent's folder check runs, and
-// `whileRunning` on the main thread, which turns until the work is done.
+// `work` on a worker, as the agent's folder check runs; `whileRunning` on the turning main thread.
 inline void runOnWorker(const std::function<void()>& work, const std::function<void()>& whileRunning = {}) {
   std::atomic<bool> done{false};
   std::thread worker([&] {

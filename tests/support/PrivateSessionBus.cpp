@@ -23,16 +23,10 @@ std::string privateRuntimeDir() {
 
 }  // namespace
 
-PrivateBus::PrivateBus(Kind kind) : kind_(kind) {
-  start(kSupport + (kind == kSystem ? "/system-bus.sh" : "/session-bus.sh"));
-}
+PrivateBus::PrivateBus(Kind kind) : PrivateBus(kSupport + (kind == kSystem ? "/system-bus.sh" : "/session-bus.sh")) {}
 
 PrivateBus::PrivateBus(const std::string& script)
     : kind_(script.find("system") != std::string::npos ? kSystem : kSession) {
-  start(script);
-}
-
-void PrivateBus::start(const std::string& script) {
   std::string output = shellOutput(script);
   std::istringstream lines(output);
   std::getline(lines, address_);

@@ -65,7 +65,6 @@ class PrivateBus {
   bool waitForOwner(const std::string& name, double seconds) const;
 
  private:
-  void start(const std::string& script);
   Mock startMockWith(const std::string& busName, const std::string& path, const std::string& arguments);
   Kind kind_;
   std::string address_;

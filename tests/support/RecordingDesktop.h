@@ -1,6 +1,5 @@
-// The desktop as the agent sees it, every call recorded in order, one line
-// each. Sounds end at once (on the main thread, as the real ones do) unless
-// held.
+// The desktop as the agent sees it, every call recorded in order, one line each.
+// Sounds end at once (on the main thread, as the real ones do) unless held.
 #pragma once
 
 #include <memory>

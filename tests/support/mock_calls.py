@@ -1,7 +1,6 @@
 #!/usr/bin/python3
-# Prints the calls a python3-dbusmock object recorded (org.freedesktop.DBus.Mock
-# GetCalls), one per line: the method name, then each argument as Python
-# literal, separated by tabs. Usage: mock_calls.py ADDRESS BUS_NAME OBJECT_PATH
+# Usage: mock_calls.py ADDRESS BUS_NAME OBJECT_PATH. The calls a dbusmock object recorded,
+# one per line: the method name, then each argument as a Python literal, tab-separated.
 import sys
 
 import dbus

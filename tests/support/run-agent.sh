@@ -1,10 +1,8 @@
 #!/bin/sh
-# Usage: run-agent.sh LOGDIR AGENT [ARGUMENT...]
-# Runs the agent as root in a private mount namespace where /var/log is a
-# fresh tmpfs and /var/log/Morvane is LOGDIR; exec all the way, so the pid
-# stays the agent's. Faults: QUILLON_TEST_LOG_FAULT=readonly (the log folder
-# read-only) or =full (a small file system filled up; LOGDIR stays empty);
-# QUILLON_TEST_DROP_DAC=1 (no right to ignore file modes, as a user).
+# Usage: run-agent.sh LOGDIR AGENT [ARGUMENT...]: the agent in a private mount namespace where
+# /var/log is a fresh tmpfs and /var/log/Morvane is LOGDIR; exec all the way, so the pid stays the
+# agent's. Faults: QUILLON_TEST_LOG_FAULT=readonly or =full (a small file system filled up; LOGDIR
+# stays empty); QUILLON_TEST_DROP_DAC=1 (no right to ignore file modes, as a user's agent).
 logdir=$1
 shift
 exec unshare --mount sh -c '
