@@ -1,7 +1,5 @@
-// The Compressor batch watcher: monitor answers, the history fallback, and
-// whole polls driven by fake Qmaster tools (tests/compressor/). Those at
-// Compressor's own paths live in a private mount namespace whose root is an
-// overlay of the host's with an in-memory upper layer.
+// The Compressor batch watcher with fake Qmaster tools (tests/compressor/),
+// at Compressor's own paths in an overlay root of a private mount namespace.
 #include <sys/stat.h>
 
 #include <atomic>
@@ -61,8 +59,7 @@ std::string historyPath(const std::string& version, const std::string& name) {
   return MVLocalPaths::appSupportDirectory(true) + "/Compressor/History/V" + version + "/" + name;
 }
 
-// As Compressor writes it: the batch XML with escaped angle brackets, two
-// items not read, then the progress of each job.
+// As Compressor writes it: escaped batch XML, two unread items, job progress.
 void writeHistory(const std::string& version, const std::string& name, const std::string& xml,
                   std::optional<MVPlistValue::Array> progress, std::chrono::seconds age = std::chrono::seconds(60)) {
   std::string escaped;
@@ -134,7 +131,6 @@ class CompressorTest : public ::testing::Test {
   void post(const std::string& name, const MVPlistValue& userInfo = MVPlistValue::Dictionary{}) {
     MVDistributedNotificationCenter::defaultCenter().postNotification(name, {}, userInfo);
   }
-  // Turns the main loop a little, then waits for background polls to end.
   bool settle() {
     MVRunLoop::main().runFor(0.5);
     return waitUntil([&] { return !controller_->isProcessingQmaster(); }, 20);
@@ -230,8 +226,7 @@ class CompressorWatcherTest : public CompressorTest {
                                       MVPlistValue::Dictionary{{"CFBundleIdentifier", identifier}}));
   }
 
-  // /tmp (the test home) and the kernel's file systems stay shared with the
-  // host, so that both sides see the log and the answers.
+  // /tmp (the test home, log and answers) and the kernel's file systems stay shared.
   static const std::string& sandboxProblem() {
     static const std::string problem = []() -> std::string {
       if (std::string problem = enterPrivateMountNamespace(); !problem.empty()) return problem;
@@ -251,16 +246,10 @@ class CompressorWatcherTest : public CompressorTest {
 TEST_F(CompressorWatcherTest, FindsTheQmasterToolsAndMergesBothMonitors) {
   EXPECT_EQ(AppController::pathForAppWithBundleID("com.apple.BatchMonitor"), "/Applications/Batch Monitor.app");
   EXPECT_EQ(AppController::pathForAppWithBundleID("com.apple.Compressor"), "/Applications/Compressor.app");
-  EXPECT_EQ(AppController::pathForAppWithBundleID("com.apple.QmasterNode"), std::nullopt);
   // Both qmasterprefs list the same clusters; each is asked as often as listed.
   EXPECT_EQ(controller_->qmasterClusters(), (std::vector<std::string>{"This Computer", "Render Farm Cluster",
                                                                       "Edit Bay Cluster", "Render Farm Cluster",
                                                                       "Edit Bay Cluster"}));
-  std::string silent = makeTempDir("tools") + "/qmasterprefs";
-  writeFile(silent, "#!/bin/sh\n");
-  fs::permissions(silent, fs::perms(0755));
-  EXPECT_EQ(controller_->qmasterClusters(silent), std::nullopt);
-  EXPECT_EQ(timesIn(newLog(), "Unable to load Qmaster preferences"), 1u);
 
   setAnswer("Batch Monitor", "Edit Bay Cluster", batchListXML({{"E-1", "Edit", "Processing"}, {"E-2", "BM", "Paused"}}));
   setAnswer("Share Monitor", "Edit Bay Cluster", batchListXML({{"E-1", "Edit", "Successful"}}));
@@ -316,34 +305,6 @@ TEST_F(CompressorWatcherTest, RechecksARunningBatchUntilItFinishes) {
   EXPECT_TRUE(controller_->currentBatches()->empty());
 }
 
-TEST_F(CompressorWatcherTest, AdvertisementsPollInTheBackgroundAtMostOncePerSecond) {
-  setAnswer("Batch Monitor", "This Computer", batchListXML({{"X", "Reel", "Processing"}}));
-  auto skew = std::make_shared<std::atomic<int>>(0);
-  controller_->setClockForTesting([skew] { return std::chrono::system_clock::now() + std::chrono::seconds(*skew); });
-  controller_->startCompressorWatcher();
-  std::size_t polls = pollCount();
-  const MVPlistValue ad = MVPlistValue::Dictionary{{"advertisement", "<ad><service>render-01 ready</service></ad>"}};
-
-  post("QmasterAdUpdateNotification", ad);
-  post("QmasterAdUpdateNotification2", ad);
-  ASSERT_TRUE(waitUntil([&] { return pollCount() == polls + 1; }, 20));
-  ASSERT_TRUE(settle());
-  EXPECT_EQ(pollCount(), polls + 1);
-
-  // Unreadable or near-empty advertisements start no poll; the short one
-  // still counts as the last update.
-  *skew += 2;
-  post("QmasterAdUpdateNotification", MVPlistValue::Dictionary{{"advertisement", ""}});
-  post("QmasterAdUpdateNotification", MVPlistValue::Dictionary{{"advertisement", "<ad>ok</ad>"}});
-  post("QmasterAdUpdateNotification", ad);
-  ASSERT_TRUE(settle());
-  EXPECT_EQ(pollCount(), polls + 1);
-  EXPECT_EQ(timesIn(newLog(), "Error loading XML document: "), 1u);
-  *skew += 2;
-  post("QmasterAdUpdateNotification", ad);
-  ASSERT_TRUE(waitUntil([&] { return pollCount() == polls + 2; }, 20));
-}
-
 // Alerts answered at once with the default button, as a countdown that ran out.
 class AnsweringAlerts : public MVAlert::Backend {
  public:
@@ -362,9 +323,8 @@ class AnsweringAlerts : public MVAlert::Backend {
   std::atomic<int> shown{0};
 };
 
-// A batch submitted while a poll is still waiting for its monitors: the
-// check before a power action must see it, not the list of that older poll.
-// Power requests go to a mocked logind on a private system bus only.
+// A batch submitted while a poll still waits for its monitors holds the power
+// action back. Power requests go to a mocked logind on a private system bus.
 TEST_F(CompressorWatcherTest, ABatchSubmittedDuringAPollHoldsThePowerActionBack) {
   power_test::PrivateBus systemBus(power_test::kScripts + "/system-bus.sh");
   ASSERT_TRUE(systemBus.running());
@@ -400,23 +360,6 @@ TEST_F(CompressorWatcherTest, ABatchSubmittedDuringAPollHoldsThePowerActionBack)
   AppController::setObject(0, "logoutAction");
   MVAlert::setBackend(previousAlerts);
   MVPower::setBackend(previousPower);
-}
-
-// "~" and "~/..." in the per-user spool setting are the user's home; another
-// user's "~name/..." is not guessed at.
-TEST_F(CompressorTest, SpoolFolderTildeMeansTheOwnHomeOnly) {
-  const std::string home = MVLocalPaths::userDirectory();
-  const std::pair<std::string, std::string> cases[] = {
-      {"~", home}, {"~/Spool", home + "/Spool"}, {"~editor/Spool", "~editor/Spool"}, {"/Volumes/Spool/~", "/Volumes/Spool/~"}};
-  const std::string settings = MVLocalPaths::appSupportDirectory(true) + "/Apple Qmaster/qmasterservices.plist";
-  for (const auto& [storage, expected] : cases) {
-    MVPlistValue prefs = MVPlistValue::Dictionary{{"Storage", storage}};
-    MVPlistValue root = MVPlistValue::Dictionary{
-        {"jobcontroller:com.apple.qmaster.cluster.admin", MVPlistValue::Dictionary{{"UserPrefs", prefs}}}};
-    ASSERT_TRUE(MVPropertyList::write(settings, root));
-    EXPECT_EQ(AppController().qmaster4SpoolPath(), expected) << storage;
-  }
-  fs::remove(settings);
 }
 
 }  // namespace

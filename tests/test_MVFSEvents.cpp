@@ -22,58 +22,6 @@ void settle(double seconds) { MVRunLoop::main().runFor(seconds); }
 
 }  // namespace
 
-TEST_F(MVFSEventsTest, ReportsChangedFoldersOfTheWholeTree) {
-  const std::string root = makeTempDir("tree");
-  MVFSEvents::sharedController().startWatchingPaths({root});
-
-  writeFile(root + "/render.mov", "frames");
-  ASSERT_TRUE(recorder.waitFor(slash(root)));
-  EXPECT_EQ(recorder.records.front().flags, 0u);
-
-  // A folder created and filled in one burst, before the stream has had a
-  // chance to watch it: the files' folder is still reported.
-  fs::create_directories(root + "/a/b/c");
-  writeFile(root + "/a/b/c/clip.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
-
-  // Later writes in the new folder arrive through its own watch.
-  recorder.settleAndClear();
-  writeFile(root + "/a/b/c/clip2.mov", "y");
-  EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
-
-  // Identifiers only grow; the records of one batch share their date.
-  for (std::size_t i = 1; i < recorder.records.size(); ++i) {
-    EXPECT_GT(recorder.records[i].id, recorder.records[i - 1].id);
-    if (recorder.records[i].batch == recorder.records[i - 1].batch) {
-      EXPECT_EQ(recorder.records[i].date, recorder.records[i - 1].date);
-    }
-  }
-}
-
-TEST_F(MVFSEventsTest, FirstChangeIsImmediateAndLaterOnesWaitForTheLatency) {
-  const std::string root = makeTempDir("latency");
-  fs::create_directories(root + "/sub");
-  MVFSEvents::sharedController().startWatchingPaths({root}, 1.0);
-  settle(1.2);  // a quiet period
-
-  writeFile(root + "/first.mov", "1");
-  ASSERT_TRUE(waitUntil([&] { return recorder.batchTimes.size() == 1; }, 5));
-
-  writeFile(root + "/second.mov", "2");
-  writeFile(root + "/sub/third.mov", "3");
-  settle(0.2);
-  writeFile(root + "/fourth.mov", "4");
-  EXPECT_EQ(recorder.batchTimes.size(), 1u) << "later changes must wait for the latency";
-
-  ASSERT_TRUE(waitUntil([&] { return recorder.batchTimes.size() == 2; }, 5));
-  EXPECT_GE(recorder.batchTimes[1] - recorder.batchTimes[0], std::chrono::milliseconds(800));
-  std::vector<std::string> second;
-  for (const auto& r : recorder.records)
-    if (r.batch == 1) second.push_back(r.path);
-  // Both folders in one batch, each once however many changes it had.
-  EXPECT_EQ(second, (std::vector<std::string>{slash(root), slash(root + "/sub")}));
-}
-
 TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
   MVFSEvents& stream = MVFSEvents::sharedController();
   const std::string a = makeTempDir("a");
@@ -92,12 +40,6 @@ TEST_F(MVFSEventsTest, RecreatingTheStreamKeepsWatchingAndLosesNothing) {
   recorder.records.clear();
   writeFile(a + "/again.mov", "x");
   EXPECT_TRUE(recorder.waitFor(slash(a)));
-
-  // Adding a path already there, or removing one that is not, re-creates the
-  // stream with the same list.
-  stream.addWatchPaths({a}, 1.0);
-  stream.removeWatchPaths({"/not/watched"}, 1.0);
-  EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{a, b}));
 
   stream.removeWatchPaths({a}, 1.0);
   EXPECT_EQ(stream.watchPaths(), (std::vector<std::string>{b}));
@@ -205,13 +147,10 @@ TEST_F(MVFSEventsTest, UnmountIsReportedWhereTheFileSystemWasMounted) {
   EXPECT_TRUE(recorder.waitFor(slash(volume)));
 }
 
-// Folders renamed inside the watched tree, trees deeper than the walk keeps
-// folders open for, and folders without subfolders, which it does not list.
 TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
   const std::string root = makeTempDir("renames");
   const std::string outside = makeTempDir("outside");
   fs::create_directories(root + "/Project A/Render Files/Shot 1");
-  fs::create_directories(root + "/Archive");
   MVFSEvents::sharedController().startWatchingPaths({root});
   recorder.settleAndClear();
 
@@ -222,16 +161,9 @@ TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
   EXPECT_TRUE(recorder.waitFor(root + "/Project B/Render Files/Shot 1/"));
   EXPECT_FALSE(recorder.saw(root + "/Project A/Render Files/Shot 1/"));
 
-  // Moved under another folder of the tree.
-  recorder.settleAndClear();
-  fs::rename(root + "/Project B/Render Files", root + "/Archive/Render Files");
-  recorder.settleAndClear();
-  writeFile(root + "/Archive/Render Files/Shot 1/clip2.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(root + "/Archive/Render Files/Shot 1/"));
-
   // Moved out, then back in under a new name: watched again where it lands.
   recorder.settleAndClear();
-  fs::rename(root + "/Archive/Render Files", outside + "/Render Files");
+  fs::rename(root + "/Project B/Render Files", outside + "/Render Files");
   writeFile(outside + "/Render Files/Shot 1/away.mov", "x");
   recorder.settleAndClear();
   fs::rename(outside + "/Render Files", root + "/Returned");
@@ -239,74 +171,47 @@ TEST_F(MVFSEventsTest, FoldersRenamedInsideTheTreeReportTheirNewPaths) {
   recorder.settleAndClear();
   writeFile(root + "/Returned/Shot 1/back.mov", "x");
   EXPECT_TRUE(recorder.waitFor(root + "/Returned/Shot 1/"));
-  EXPECT_FALSE(recorder.sawBelow(outside));
+  for (const Delivered& r : recorder.records) EXPECT_NE(r.path.rfind(outside, 0), 0u) << r.path;
 }
 
-TEST_F(MVFSEventsTest, EveryFolderOfDeepAndWideTreesIsWatched) {
+TEST_F(MVFSEventsTest, EveryFolderOfTheTreeIsWatchedAsItGrows) {
   const std::string root = makeTempDir("deep");
-  // Deeper than the walk keeps folders open for.
+  // Deeper than the walk keeps folders open for, and folders without
+  // subfolders (not listed at set-up) beside ones with.
   std::string deepest = root;
   for (int level = 0; level < 100; ++level) deepest += "/L" + std::to_string(level);
   fs::create_directories(deepest);
-  // Folders without subfolders (not listed at set-up) beside ones with.
   for (int i = 0; i < 50; ++i) fs::create_directories(root + "/wide/leaf" + std::to_string(i));
   fs::create_directories(root + "/wide/leaf7/inner");
   writeFile(root + "/wide/leaf3/existing.mov", "x");
   MVFSEvents::sharedController().startWatchingPaths({root});
   recorder.settleAndClear();
 
-  writeFile(deepest + "/clip.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(deepest + "/"));
-  writeFile(root + "/wide/leaf3/clip.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf3/"));
-  writeFile(root + "/wide/leaf7/inner/clip.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf7/inner/"));
-
-  // A folder made later inside a folder that had none is watched too.
-  recorder.settleAndClear();
-  fs::create_directories(root + "/wide/leaf9/new");
-  recorder.settleAndClear();
-  writeFile(root + "/wide/leaf9/new/clip.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(root + "/wide/leaf9/new/"));
-}
-
-// The watch limit is lowered in a user namespace of its own, where it holds
-// for that namespace alone: the test runs itself again inside one.
-TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndEarlierWatchesKept) {
-  const std::string self = "MVFSEventsTest.FullWatchTableIsLoggedAndEarlierWatchesKept";
-  if (!std::getenv("QUILLON_WATCH_LIMIT_CHILD")) {
-    std::string output = shellOutput(
-        "QUILLON_WATCH_LIMIT_CHILD=1 unshare --user --map-root-user " + fs::read_symlink("/proc/self/exe").string() +
-        " --gtest_filter=" + self + " 2>&1");
-    if (output.find("[  PASSED  ] 1 test") == std::string::npos && output.find("[  FAILED  ]") == std::string::npos)
-      GTEST_SKIP() << "no user namespace with its own watch limit here:\n" << output;
-    EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
-    EXPECT_NE(output.find("fs.inotify.max_user_watches"), std::string::npos) << output;
-    EXPECT_NE(output.find("polled instead"), std::string::npos) << output;
-    return;
+  writeFile(root + "/render.mov", "frames");
+  ASSERT_TRUE(recorder.waitFor(slash(root)));
+  EXPECT_EQ(recorder.records.front().flags, 0u);
+  for (const std::string& folder : {deepest, root + "/wide/leaf3", root + "/wide/leaf7/inner"}) {
+    writeFile(folder + "/clip.mov", "x");
+    EXPECT_TRUE(recorder.waitFor(slash(folder)));
   }
 
-  writeFile("/proc/sys/user/max_inotify_watches", "6");
-  if (readFile("/proc/sys/user/max_inotify_watches") != "6\n") GTEST_SKIP() << "limit not lowered";
-  MVLog::createNewLog("test_MVFSEvents");
-  const std::string root = makeTempDir("limit");
-  for (int i = 0; i < 20; ++i) fs::create_directories(root + "/folder" + std::to_string(i));
-  MVFSEvents::sharedController().startWatchingPaths({root});
-  writeFile(root + "/still-watched.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(slash(root)));
-  // The folders beyond the limit are polled instead.
-  MVRunLoop::main().runFor(1.0);
-  writeFile(root + "/folder19/polled.mov", "x");
-  EXPECT_TRUE(recorder.waitFor(slash(root + "/folder19"), 0, 7));
+  // Made later, one filled in a burst before it could be watched, one inside
+  // a folder that had none: later writes arrive through their own watches.
+  fs::create_directories(root + "/a/b/c");
+  writeFile(root + "/a/b/c/clip.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/a/b/c")));
+  fs::create_directories(root + "/wide/leaf9/new");
+  recorder.settleAndClear();
+  for (const std::string& folder : {root + "/a/b/c", root + "/wide/leaf9/new"}) {
+    writeFile(folder + "/clip2.mov", "y");
+    EXPECT_TRUE(recorder.waitFor(slash(folder)));
+  }
 
-  // Shown to the parent: the line from the log file, or, where the log
-  // cannot be opened, the complaint that prints it.
-  MVLog::finishWriting();
-  std::vector<std::string> logs = MVLog::availableLogs();
-  logs.push_back(MVLog::currentLogPath());
-  for (const auto& path : logs) {
-    std::ifstream log(path);
-    for (std::string line; std::getline(log, line);)
-      if (line.find("fs.inotify.max_user_watches") != std::string::npos) std::printf("logged: %s\n", line.c_str());
+  // Identifiers only grow; the records of one batch share their date.
+  for (std::size_t i = 1; i < recorder.records.size(); ++i) {
+    EXPECT_GT(recorder.records[i].id, recorder.records[i - 1].id);
+    if (recorder.records[i].batch == recorder.records[i - 1].batch) {
+      EXPECT_EQ(recorder.records[i].date, recorder.records[i - 1].date);
+    }
   }
 }

@@ -1,6 +1,5 @@
-// Shared pieces of the watcher tests: what the event stream delivers, a
-// private mount namespace, file dates, child processes, a recording desktop,
-// and the controller with its announcements as read back from its log.
+// Shared pieces of the watcher tests: event records, a private mount
+// namespace, child processes, a recording desktop, the controller and its log.
 #pragma once
 
 #include <fcntl.h>
@@ -51,18 +50,15 @@ class EventRecorder : public MVFSEventsDelegate {
   EventRecorder() { MVFSEvents::sharedController().setDelegate(this); }
   ~EventRecorder() override { MVFSEvents::sharedController().setDelegate(nullptr); }
   void fileSystemEventsReceived(const MVPlistValue::Array& events) override {
-    batchTimes.push_back(std::chrono::steady_clock::now());
+    ++batches;
     for (const auto& e : events)
       records.push_back({static_cast<std::uint64_t>(e["id"].integerValue()), *e["path"].string(),
                          static_cast<std::uint32_t>(std::stoul(*e["flag"].string(), nullptr, 16)), *e["date"].date(),
-                         batchTimes.size() - 1});
+                         batches});
   }
   bool saw(const std::string& path, std::uint32_t flags = 0) const {
     return std::any_of(records.begin(), records.end(),
                        [&](const Delivered& r) { return r.path == path && (r.flags & flags) == flags; });
-  }
-  bool sawBelow(const std::string& folder) const {
-    return std::any_of(records.begin(), records.end(), [&](const Delivered& r) { return r.path.rfind(folder, 0) == 0; });
   }
   bool waitFor(const std::string& path, std::uint32_t flags = 0, double seconds = 7) {
     return waitUntil([&] { return saw(path, flags); }, seconds);
@@ -74,7 +70,7 @@ class EventRecorder : public MVFSEventsDelegate {
   }
 
   std::vector<Delivered> records;
-  std::vector<std::chrono::steady_clock::time_point> batchTimes;
+  std::size_t batches = 0;
 };
 
 // Moves this thread, and what it starts later, into a mount namespace of its
@@ -136,9 +132,8 @@ class ChildProcess {
   std::optional<std::chrono::steady_clock::time_point> ended_;
 };
 
-// The desktop the agent talks to, recording the notifications it shows and
-// the files it reveals (every announced watch-folder file is revealed, even
-// a quiet one); sounds end at once. install() puts a new one in place.
+// Records the notifications shown and the files revealed (every announced
+// watch-folder file, even a quiet one); sounds end at once.
 class RecordingDesktop : public MVWorkspace::Backend, public MVUserNotificationCenter::Backend, public MVSound::Backend {
  public:
   struct Revealed {
@@ -157,12 +152,6 @@ class RecordingDesktop : public MVWorkspace::Backend, public MVUserNotificationC
   std::vector<Revealed> revealed() {
     std::lock_guard<std::mutex> lock(mutex_);
     return revealed_;
-  }
-  std::vector<std::string> revealedPaths() {
-    std::vector<std::string> paths;
-    for (const Revealed& r : revealed()) paths.push_back(r.path);
-    std::sort(paths.begin(), paths.end());
-    return paths;
   }
   // "title|text" of each notification.
   std::vector<std::string> notifications() {
@@ -195,9 +184,8 @@ class RecordingDesktop : public MVWorkspace::Backend, public MVUserNotificationC
   std::vector<std::string> notes_;
 };
 
-// Like the agent's own, the controller lives for the whole process: the
-// post-render actions it starts run on detached threads that may outlast a
-// test, so it is never destroyed.
+// Never destroyed, like the agent's own: the post-render actions it starts
+// run on detached threads that may outlast a test.
 inline AppController& controller() {
   alignas(AppController) static unsigned char storage[sizeof(AppController)];
   static AppController* shared = ::new (storage) AppController();
@@ -206,8 +194,7 @@ inline AppController& controller() {
 
 inline void setSetting(const std::string& key, const MVPlistValue& value) { QuillonPreferences::setObject(value, key); }
 
-// Only the watcher under test is on, and announcements stay quiet, so that
-// only the controller's bookkeeping and log tell what happened.
+// Only the watcher under test is on; its announcements stay quiet.
 inline void enableOnly(const std::string& watcherKey) {
   for (const char* key : {"watchQmaster", "watchFCPRenders", "watchAvidRenders", "watchAMEQueue", "watchPremiereRenders"})
     setSetting(key, key == watcherKey ? 1 : 0);
@@ -230,8 +217,6 @@ inline std::string logText() {
   return fileExists(MVLog::currentLogPath()) ? readFile(MVLog::currentLogPath()) : "";
 }
 
-inline std::size_t countInLog(const std::string& text) { return timesIn(logText(), text); }
-
 // A field of the render description announced for `path` (its "Render
 // finished: {...}" log line); "" when absent, "-" when not announced at all.
 inline std::string announced(const std::string& path, const std::string& field) {
@@ -247,12 +232,6 @@ inline std::string announced(const std::string& path, const std::string& field) 
 
 inline bool waitForAnnouncement(const std::string& path, double seconds = 20) {
   return waitUntil([&] { return controller().recentFiles()->count(path) != 0; }, seconds);
-}
-
-// Turns the loop until no folder check is pending or waiting for events.
-inline bool waitForFolderChecks(double seconds = 20) {
-  return waitUntil([] { return !controller().hasPendingFolderCheck() && controller().currentFolders()->empty(); },
-                   seconds);
 }
 
 }  // namespace watch_test
