@@ -10,13 +10,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cctype>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <span>
-#include <sstream>
 #include <thread>
 
 #include "AppController.h"
@@ -51,7 +49,7 @@ MVPlistValue dictionary(const Settings& keys) {
 
 bool storeAgentPassword(const std::string& sender, const std::string& password) {
   std::string name = "Quillon - " + sender;
-  return secretToolStore(name, "acct " + shellQuoted(sender) + " desc 'Email password' labl " + shellQuoted(name), password);
+  return secretToolStore(name, "acct " + shellQuote(sender) + " desc 'Email password' labl " + shellQuote(name), password);
 }
 
 // What one report to the controller sent.
@@ -64,13 +62,6 @@ struct Sent {
     return nullptr;
   }
   std::size_t logged(const std::string& part) const { return timesIn(log, part); }
-  // Log entries: the lines that start with their time stamp.
-  std::size_t entries() const {
-    std::istringstream lines(log);
-    std::size_t n = 0;
-    for (std::string line; std::getline(lines, line);) n += !line.empty() && std::isdigit(static_cast<unsigned char>(line[0]));
-    return n;
-  }
 };
 
 class MailNotifications : public ::testing::Test {
@@ -195,22 +186,22 @@ TEST_F(MailNotifications, EndedRenderSendsTheEmailAndTheTextMessageWithTheirText
     const char* host;
     const char* subject;
     const char* emailBody;  // "%F" stands for the watch folder
-    const char* textBody;   // nullptr: no text message
+    const char* textBody = nullptr;  // no text message
+    const char* textTo = kTextAddress;
+    bool carrierTable = true;
   };
   const char* finishedMail = "The file \"clip.mov\" in the watch folder \"%F\" on computer \"Studio\" finished rendering.";
   const char* finishedText = "The file \"clip.mov\" on computer \"Studio\" finished rendering.";
   const char* failedMail = "The file \"clip.mov\" in the watch folder \"%F\" on computer \"Studio\" failed to render.";
   auto clip = [this] { return watchRender("clip.mov"); };
+  auto carrier = [](const char* name) -> Change { return [=](Settings& s) { s["selectedTextCarrier"] = name; }; };
   const Case cases[] = {
-      {"finished", clip, false, false, {}, "studio", "clip.mov Finished", finishedMail, finishedText},
       {"finished, reported on a worker", clip, false, true, {}, "studio", "clip.mov Finished", finishedMail, finishedText},
       {"failed", clip, true, false, {}, "studio", "clip.mov Failed", failedMail,
        "The file \"clip.mov\" on computer \"Studio\" failed to render."},
       // A failure asks for "txtMessageNumber", not the stored number...
       {"failed, txtMessageNumber empty", clip, true, false, [](Settings& s) { s["txtMessageNumber"] = ""; }, "studio",
        "clip.mov Failed", failedMail, nullptr},
-      {"failed, txtMessageNumber missing", clip, true, false, [](Settings& s) { s.erase("txtMessageNumber"); },
-       "studio", "clip.mov Failed", failedMail, nullptr},
       // ...but the address still comes from the stored number.
       {"failed, no stored number", clip, true, false, [](Settings& s) { s.erase("txtMessagePhoneNumber"); }, "studio",
        "clip.mov Failed", failedMail, nullptr},
@@ -221,16 +212,21 @@ TEST_F(MailNotifications, EndedRenderSendsTheEmailAndTheTextMessageWithTheirText
        "The Compressor batch \"Promo%20Cut\" on computer \"Studio\" failed to render.",
        "The Compressor batch \"Promo%20Cut\" on computer \"Studio\" failed."},
       // The host name is capitalised word by word, a hyphen starting a word.
-      {"host studio-mac", clip, false, false, {}, "studio-mac", "clip.mov Finished",
-       "The file \"clip.mov\" in the watch folder \"%F\" on computer \"Studio-Mac\" finished rendering.",
-       "The file \"clip.mov\" on computer \"Studio-Mac\" finished rendering."},
-      {"host EDITBAY", clip, true, false, {}, "EDITBAY", "clip.mov Failed",
-       "The file \"clip.mov\" in the watch folder \"%F\" on computer \"Editbay\" failed to render.",
-       "The file \"clip.mov\" on computer \"Editbay\" failed to render."},
+      {"host EDIT-bay", clip, true, false, {}, "EDIT-bay", "clip.mov Failed",
+       "The file \"clip.mov\" in the watch folder \"%F\" on computer \"Edit-Bay\" failed to render.",
+       "The file \"clip.mov\" on computer \"Edit-Bay\" failed to render."},
+      // The carrier decides the gateway ("att" when none is chosen); without one, or without the table, no text
+      // message and nothing said about it.
+      {"another carrier", clip, false, false, carrier("tmobile"), "studio", "clip.mov Finished", finishedMail,
+       finishedText, "15550100000@tmomail.example"},
+      {"carrier not in the table", clip, false, false, carrier("verizon"), "studio", "clip.mov Finished", finishedMail},
+      {"carrier without a gateway", clip, false, false, carrier("nodomain"), "studio", "clip.mov Finished", finishedMail},
+      {"no carrier table", clip, false, false, {}, "studio", "clip.mov Finished", finishedMail, nullptr, nullptr, false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     setHostName(c.host);
+    EnvOverride resources("QUILLON_RESOURCES", c.carrierTable ? carrierTable_ : makeTempDir("no-resources"));
     const Sent sent = notify(mailSettings(c.change), c.render(), c.failed, c.onWorker);
     const std::size_t expected = c.textBody ? 2 : 1;
     EXPECT_EQ(sent.logged("Email sent successfully"), expected) << sent.log;
@@ -246,36 +242,18 @@ TEST_F(MailNotifications, EndedRenderSendsTheEmailAndTheTextMessageWithTheirText
     EXPECT_EQ(sent.to("editor@example.com")->header("Subject"), c.subject);
     EXPECT_EQ(sent.to("editor@example.com")->body(), body);
     if (c.textBody) {
-      expectEnvelope(sent.to(kTextAddress), 25, {kTextAddress});
-      EXPECT_EQ(sent.to(kTextAddress)->header("Subject"), c.subject);
-      EXPECT_EQ(sent.to(kTextAddress)->body(), c.textBody);
+      expectEnvelope(sent.to(c.textTo), 25, {c.textTo});
+      EXPECT_EQ(sent.to(c.textTo)->header("Subject"), c.subject);
+      EXPECT_EQ(sent.to(c.textTo)->body(), c.textBody);
     }
   }
-}
-
-TEST_F(MailNotifications, AFileNameCannotSteerTheMail) {
-  // Everything a shared watch folder's file name could try: headers of its
-  // own, the end of the data, a second transaction on the user's session.
-  const std::string name =
-      "clip\r\nBcc: thief@evil.example\r\n.\r\nMAIL FROM:<render@evil.example>\r\nRCPT TO:<thief@evil.example>"
-      "\r\nDATA\r\nSubject: free money\n.\n.mov";
-  const Sent sent = notify(mailSettings([](Settings& s) { s["notifyText"] = 0; }), watchRender(name));
-  ASSERT_EQ(sent.all.size(), 1u) << sent.log;
-  expectEnvelope(&sent.all[0], relay_->port(1), kRecipients);
-  EXPECT_EQ(sent.all[0].header("Bcc"), "<no Bcc header>");
-  // The name is harmless text: on one header line, and in the body with its line breaks.
-  EXPECT_EQ(sent.all[0].header("Subject"),
-            "clip  Bcc: thief@evil.example  .  MAIL FROM:<render@evil.example>  RCPT TO:<thief@evil.example>"
-            "  DATA  Subject: free money . .mov Finished");
-  EXPECT_NE(sent.all[0].body().find("\r\n.\r\nMAIL FROM:<render@evil.example>\r\n"), std::string::npos);
 }
 
 TEST_F(MailNotifications, EmailPortIsTriedFirstOtherwiseTheDefaultPortsServe) {
   const std::pair<const char*, Change> cases[] = {
       {"zero", [](Settings& s) { s["emailPort"] = 0; }},
       {"missing", [](Settings& s) { s.erase("emailPort"); }},
-      {"negative", [](Settings& s) { s["emailPort"] = -5; }},
-      // Nothing listens there: the defaults follow.
+      // Nothing listens there: the client leaves the refusal to its 8 s connect timer, then the defaults follow.
       {"a closed port", [](Settings& s) { s["emailPort"] = 2525; }},
   };
   for (const auto& [name, change] : cases) {
@@ -302,7 +280,6 @@ TEST_F(MailNotifications, FailuresAreLoggedAndTheActionsAfterTheMailStillRun) {
       // No item: the session goes on without a password, and the relay refuses.
       {"no keychain item", [](Settings& s) { s["emailFromAddress"] = "nobody@example.com"; }, 2, refused, false},
       {"empty server", [](Settings& s) { s["emailServer"] = ""; }, 2, "Email failed to send - error(", false},
-      {"no server", [](Settings& s) { s.erase("emailServer"); }, 2, "Email failed to send - error(", false},
       // The text message has its own recipient: it still goes out.
       {"empty recipient", [](Settings& s) { s["emailToAddress"] = ""; }, 1, "Email failed to send - error(", true},
   };
@@ -318,43 +295,6 @@ TEST_F(MailNotifications, FailuresAreLoggedAndTheActionsAfterTheMailStillRun) {
     }
   }
   EXPECT_EQ(notify(mailSettings(), watchRender("after.mov")).all.size(), 2u) << "the agent still sends afterwards";
-}
-
-TEST_F(MailNotifications, CarrierTableDecidesTheGatewayAndItsAbsenceIsSilent) {
-  struct Case {
-    const char* name;
-    bool withTable;
-    std::optional<const char*> carrier;  // nullopt: key missing
-    const char* textTo;                  // nullptr: no text message
-  };
-  const Case cases[] = {
-      {"no carrier table", false, std::nullopt, nullptr},
-      {"carrier not in the table", true, "verizon", nullptr},
-      {"carrier without a gateway", true, "nodomain", nullptr},
-      {"empty carrier means att", true, "", kTextAddress},
-      {"missing carrier means att", true, std::nullopt, kTextAddress},
-      {"another carrier", true, "tmobile", "15550100000@tmomail.example"},
-  };
-  const std::string noTable = makeTempDir("no-resources");
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    setenv("QUILLON_RESOURCES", (c.withTable ? carrierTable_ : noTable).c_str(), 1);
-    const Sent sent = notify(mailSettings([&](Settings& s) {
-                               if (c.carrier) s["selectedTextCarrier"] = *c.carrier;
-                             }),
-                             watchRender("clip.mov"));
-    const std::size_t mails = c.textTo ? 2 : 1;
-    ASSERT_EQ(sent.all.size(), mails);
-    EXPECT_NE(sent.to("editor@example.com"), nullptr);
-    if (c.textTo) {
-      EXPECT_NE(sent.to(c.textTo), nullptr);
-    }
-    // Without a gateway nothing is said about the text message: the log
-    // holds the two lines of the dispatch and one per e-mail sent.
-    EXPECT_EQ(sent.logged("Email sent successfully"), mails) << sent.log;
-    EXPECT_EQ(sent.logged("Render complete"), 1u) << sent.log;
-    EXPECT_EQ(sent.entries(), 2 + mails) << sent.log;
-  }
 }
 
 }  // namespace

@@ -7,17 +7,11 @@
 
 namespace quillon_test {
 
-inline std::string shellQuoted(const std::string& text) {
-  std::string out = "'";
-  for (char c : text) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return out + "'";
-}
-
 // `attributes`: "name value ..." as secret-tool takes them; the password goes on standard input.
 inline bool secretToolStore(const std::string& label, const std::string& attributes, const std::string& password) {
   std::string file = makeTempDir("secret") + "/password";
   writeFile(file, password);
-  return shell("secret-tool store --label=" + shellQuoted(label) + " " + attributes + " < " + file) == 0;
+  return shell("secret-tool store --label=" + shellQuote(label) + " " + attributes + " < " + file) == 0;
 }
 
 inline std::string secretToolLookup(const std::string& attributes) {
