@@ -67,7 +67,7 @@ class SettingsWindowTest(unittest.TestCase):
         s.key("ctrl+l")
         s.xdotool("type", "--delay", "20", folder + "/")
         time.sleep(0.5)
-        s.press(s.find("push button", "Select", root=chooser))
+        s.press(wait_for(lambda: s.find("push button", "Select", required=False, root=chooser)))
         self.assertTrue(wait_for(lambda: self.setting("watchFolders") == folder), self.setting("watchFolders"))
         s.find("list item", folder)
 
