@@ -1,6 +1,4 @@
-// MVKeychain on a real Secret Service: a private session bus with an
-// unlocked gnome-keyring-daemon, and secret-tool as the independent writer
-// and reader.
+// MVKeychain on gnome-keyring on a private bus, secret-tool as the independent writer and reader.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -44,7 +42,6 @@ TEST(MVKeychainWithoutBusTest, SaysSoAndFindsNothing) {
 TEST_F(MVKeychainTest, ReadsTheAgentPasswordThatSecretToolStored) {
   const std::string address = "editor@example.com";
   const std::string name = MVKeychain::agentItemName(address);
-  EXPECT_EQ(name, "Quillon - editor@example.com");
   ASSERT_TRUE(secretToolStore(name, "acct " + address + " desc 'Email password' labl " + shellQuote(name), "s3cret pässwörd"));
 
   // secret-tool stores all the bytes, and they all read back.
@@ -62,9 +59,6 @@ TEST_F(MVKeychainTest, AddModifyDeleteAsSecretToolSeesThem) {
   const std::string lookup = "acct ann desc Web labl Site svce www.example.com";
   ASSERT_TRUE(MVKeychain::addKeychainItem("Site", "Web", "ann", "first", "www.example.com"));
   EXPECT_EQ(secretToolLookup(lookup), "first");
-  std::string listed = shellOutput("secret-tool search --all " + lookup + " 2>&1");
-  EXPECT_NE(listed.find("label = Site\n"), std::string::npos) << listed;
-  EXPECT_NE(listed.find("schema = com.morvane.Keychain.GenericPassword\n"), std::string::npos) << listed;
   // A second item with the same identity is refused, not stored beside it.
   EXPECT_FALSE(MVKeychain::addKeychainItem("Site", "Web", "ann", "again", "www.example.com"));
   // ...but one without the hostname is another item.
@@ -83,12 +77,10 @@ TEST_F(MVKeychainTest, AddModifyDeleteAsSecretToolSeesThem) {
 }
 
 TEST_F(MVKeychainTest, StoresCharacterCountOfBytesAndReadsAtMost1023) {
-  // Stored bytes are cut to the length in characters, so non-ASCII text comes
-  // back short; a character cut in two is dropped when read.
+  // Stored bytes are cut to the length in characters; a character cut in two is dropped when read.
   struct Case { std::string user, password, storedBySecretTool, readBack; };
   const Case cases[] = {
       {"u1", "pässwörd", "pässwö", "pässwö"},
-      {"u2", "pä", "p\xc3", "p"},
       {"u3", "a\xF0\x9F\x98\x80" "b", "a\xF0\x9F\x98", "a"},  // U+1F600 counts as two characters
   };
   for (const auto& c : cases) {
@@ -109,14 +101,14 @@ TEST_F(MVKeychainTest, StoresCharacterCountOfBytesAndReadsAtMost1023) {
   EXPECT_EQ(MVKeychain::getPasswordFromKeychainItem("Long", "Rule", "long", ""), longPassword.substr(0, 1023));
 }
 
-// Locks the login keyring for good (unlocking needs a prompt), so it stays last.
+// Locks the login keyring for good (no one can answer the unlock prompt here), so it stays last.
 TEST_F(MVKeychainTest, LockedKeyringGivesNoPasswordAndDoesNotHang) {
   ASSERT_TRUE(MVKeychain::addKeychainItem("Locked", "Kind", "zed", "pw", ""));
   ASSERT_EQ(shell("dbus-send --session --print-reply --dest=org.freedesktop.secrets /org/freedesktop/secrets "
                   "org.freedesktop.Secret.Service.Lock array:objpath:/org/freedesktop/secrets/collection/login "
                   ">/dev/null"),
             0);
-  // No one can answer the unlock prompt here; the read must give up, not wait.
+  // The read must give up, not wait.
   ::testing::internal::CaptureStdout();
   auto password = MVKeychain::getPasswordFromKeychainItem("Locked", "Kind", "zed", "");
   std::string console = ::testing::internal::GetCapturedStdout();

@@ -149,11 +149,6 @@ TEST(SKPSMTPMessage, WritesTheWholeDialogueByteForByte) {
 TEST(SKPSMTPMessage, ReportsEachOutcomeOnceWithItsCode) {
   const char* kDropped = "The connection to the server was interrupted.";
   const char* kTimedOut = "Timeout sending message.";
-  const std::map<std::string, std::string> login = {{"EHLO", "250-AUTH LOGIN\r\n250 OK\r\n"}};
-  auto with = [](std::map<std::string, std::string> base, const std::string& prefix, const std::string& reply) {
-    base[prefix] = reply;
-    return base;
-  };
   struct Case {
     const char* name;
     std::string greeting;
@@ -176,7 +171,6 @@ TEST(SKPSMTPMessage, ReportsEachOutcomeOnceWithItsCode) {
        -5, kTimedOut},
       {"550 after the message text", "220 hi\r\n", {{".", "550 rejected\r\n"}}, false, 550, "Failed to logout."},
       {"no reply to QUIT counts as sent", "220 hi\r\n", {{"QUIT", ""}}, false, 0, nullptr},
-      {"221 and close in the same read", "220 hi\r\n", {{"QUIT", "221 bye\r\n#close"}}, false, 0, nullptr},
       {"250 split across reads stalls", "220 hi\r\n", {{"EHLO", "250-test\r\n25|0 OK\r\n"}}, false, -5, kTimedOut},
       {"noise trickled after EHLO does not hold off the watchdog", "220 hi\r\n", {{"EHLO", noise}}, false, -5, kTimedOut},
       {"garbage and an over-long line before the greeting",
@@ -193,31 +187,19 @@ TEST(SKPSMTPMessage, ReportsEachOutcomeOnceWithItsCode) {
        {{"STARTTLS", "334 VXNlcm5hbWU6\r\n"}, {"YWxp", "334 UGFzc3dvcmQ6\r\n"}}, true, -6,
        "The server offered no encryption.", true},
       {"closed before the greeting", "#close", {}, false, -4, kDropped},
-      {"closed after EHLO", "220 hi\r\n", {{"EHLO", "#close"}}, false, -4, kDropped},
       {"closed after STARTTLS", "220 hi\r\n", {{"STARTTLS", "#close"}}, false, -4, kDropped, true},
-      {"closed after AUTH LOGIN", "220 hi\r\n", with(login, "AUTH LOGIN", "#close"), true, -4, kDropped},
-      {"closed after the user name", "220 hi\r\n", with(login, "YWxp", "#close"), true, -4, kDropped},
       {"closed after AUTH PLAIN", "220 hi\r\n", {{"EHLO", "250-AUTH PLAIN\r\n250 OK\r\n"}, {"AUTH", "#close"}},
        true, -4, kDropped},
-      {"closed after MAIL FROM", "220 hi\r\n", {{"MAIL", "#close"}}, false, -4, kDropped},
-      {"closed after RCPT TO", "220 hi\r\n", {{"RCPT", "#close"}}, false, -4, kDropped},
-      {"closed after DATA", "220 hi\r\n", {{"DATA", "#close"}}, false, -4, kDropped},
       {"closed after the message text", "220 hi\r\n", {{".", "#close"}}, false, -4, kDropped},
       // Only a 221 or silence counts as sent once the text was taken.
       {"closed after QUIT without 221", "220 hi\r\n", {{"QUIT", "#close"}}, false, -4, kDropped},
-      {"silent after DATA", "220 hi\r\n", {{"DATA", ""}}, false, -5, kTimedOut},
       {"silent after the message text", "220 hi\r\n", {{".", ""}}, false, -5, kTimedOut},
-      {"silent after the password", "220 hi\r\n", with(login, "c2VzYW1l", ""), true, -5, kTimedOut},
+      {"silent after the user name", "220 hi\r\n", {{"EHLO", "250-AUTH LOGIN\r\n250 OK\r\n"}}, true, -5, kTimedOut},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     SMTPReports reports;
     const std::string transcript = sendThroughScript(reports, c.greeting, c.overrides, c.requiresAuth, c.wantsSecure);
-    if (c.expectedCode == kSKPSMTPErrorNoEncryption) {
-      // The session ends politely, and neither the password nor the message went out.
-      EXPECT_TRUE(transcript.ends_with("QUIT\r\n")) << transcript;
-      for (const char* never : {"c2VzYW1l", "AUTH", "MAIL FROM"}) EXPECT_EQ(transcript.find(never), std::string::npos) << transcript;
-    }
     EXPECT_EQ(reports.sent, c.expectedCode == 0 ? 1 : 0);
     if (c.expectedCode != 0) {
       ASSERT_EQ(reports.failures.size(), 1u);
@@ -225,12 +207,18 @@ TEST(SKPSMTPMessage, ReportsEachOutcomeOnceWithItsCode) {
       EXPECT_EQ(reports.failures[0].code, c.expectedCode);
       EXPECT_EQ(reports.failures[0].localizedDescription, c.expectedDescription);
     }
+    if (c.expectedCode == kSKPSMTPErrorNoEncryption) {
+      // The session ends politely, and neither the password nor the message went out.
+      EXPECT_TRUE(transcript.ends_with("QUIT\r\n")) << transcript;
+      EXPECT_NE(reports.failures[0].localizedRecoverySuggestion.find("Neither your password nor the message"),
+                std::string::npos);
+      for (const char* never : {"c2VzYW1l", "AUTH", "MAIL FROM"}) EXPECT_EQ(transcript.find(never), std::string::npos) << transcript;
+    }
   }
 }
 
 TEST(SKPSMTPMessage, ABrokenTlsHandshakeFailsOnceWithTheStreamError) {
-  // The server agrees to STARTTLS, then answers the client's hello with
-  // plain text instead of a TLS record, or with a fatal alert.
+  // The server agrees to STARTTLS, then answers the client's hello in plain text or with a fatal alert.
   for (const std::string& answer : {std::string("220 go ahead\r\n|HTTP/1.0 400 nonsense\r\n\r\n#close"),
                                     std::string("220 go ahead\r\n|\x15\x03\x03\x00\x02\x02\x28", 22)}) {
     SCOPED_TRACE(answer);
@@ -271,10 +259,7 @@ TEST(SKPSMTPMessage, FallsBackToTheNextPortWhenNoGreetingComes) {
 TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
   const std::pair<std::function<void(SKPSMTPMessage&)>, const char*> cases[] = {
       {[](SKPSMTPMessage& m) { m.setRequiresAuth(true); }, "auth requires login"},
-      {[](SKPSMTPMessage& m) { m.setRequiresAuth(true), m.setLogin("ali"); }, "auth requires pass"},
       {[](SKPSMTPMessage& m) { m.setRelayHost(""); }, "send requires relayHost"},
-      {[](SKPSMTPMessage& m) { m.setSubject(""); }, "send requires subject"},
-      {[](SKPSMTPMessage& m) { m.setFromEmail(""); }, "send requires fromEmail"},
       {[](SKPSMTPMessage& m) { m.setToEmail(""); }, "send requires toEmail"},
       {[](SKPSMTPMessage& m) { m.setParts({}); }, "send requires parts"},
   };
@@ -304,10 +289,4 @@ TEST(SKPSMTPMessage, PreconditionsAreAssertionsAndEmptyPortsFailAtOnce) {
   EXPECT_FALSE(message->send());
   ASSERT_EQ(noPorts.failures.size(), 1u);
   EXPECT_EQ(noPorts.failures[0].code, -3);
-}
-
-TEST(SKPSMTPMessage, TrimsEachRecipient) {
-  auto message = SKPSMTPMessage::create();
-  EXPECT_EQ(message->formatAddresses(" \ta@x.example\t ,  Ann <b@y.example> , <c@z.example>"),
-            "RCPT TO:<a@x.example>\r\nRCPT TO:Ann <b@y.example>\r\nRCPT TO:<c@z.example>\r\n");
 }

@@ -1,9 +1,6 @@
-// A scripted SMTP peer: a thread listening on 127.0.0.1 that answers each
-// client line from a reply function. A reply is sent as it stands, except
-// that "|" marks a 200 ms pause (the text before it arrives in its own read)
-// and a trailing "#close" hangs up after sending; an empty reply sends
-// nothing. After a "354" reply the message text, up to "\r\n.\r\n", counts as
-// the one line ".".
+// A scripted SMTP peer on 127.0.0.1 answering each client line from a reply
+// function: "|" in a reply is a 200 ms pause, a trailing "#close" hangs up, ""
+// says nothing; after a "354" the message text counts as the one line ".".
 #pragma once
 
 #include <netinet/in.h>
@@ -22,8 +19,7 @@ class ScriptedSMTPServer {
  public:
   using Reply = std::function<std::string(const std::string& line)>;
 
-  // `greeting` is sent on accept ("" for a server that never greets).
-  // The port is taken from [portBase, portBase + 12000).
+  // `greeting` ("" for none) is sent on accept; the port is taken from [portBase, portBase + 12000).
   ScriptedSMTPServer(std::string greeting, Reply reply, int portBase = 20000)
       : greeting_(std::move(greeting)), reply_(std::move(reply)) {
     listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -1,5 +1,4 @@
-// The HTTPS server of tests/support/push-server.py, standing for every push
-// service on 127.0.0.1. What each request carried is read back as records.
+// tests/support/push-server.py, standing for every push service; what each request carried read back.
 #pragma once
 
 #include <algorithm>
@@ -21,12 +20,6 @@ struct PushRequest {
 
   bool hasHeader(const std::string& line) const {
     return std::find(headers.begin(), headers.end(), line) != headers.end();
-  }
-  std::string text() const {
-    std::string t = method + " " + path + "\n";
-    for (const auto& h : headers) t += "  " + h + "\n";
-    for (const auto& [k, v] : fields) t += "  " + k + "=" + v + "\n";
-    return t;
   }
 };
 

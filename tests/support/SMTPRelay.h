@@ -1,5 +1,4 @@
-// The SMTP relay of tests/support/smtp-relay.py with a fresh certificate, and
-// a delegate that records what an SMTP session reports.
+// tests/support/smtp-relay.py with a fresh certificate, and a delegate recording what an SMTP session reports.
 #pragma once
 
 #include <algorithm>

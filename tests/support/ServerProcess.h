@@ -1,5 +1,4 @@
-// A helper server of the tests (a Python script under tests/support) as a
-// child process: started with its standard error in a log file, ready once
+// A Python helper server under tests/support as a child process: its standard error in a log file, ready once
 // it writes its ready file, killed by its id when the object goes.
 #pragma once
 

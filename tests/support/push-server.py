@@ -1,12 +1,7 @@
 #!/usr/bin/python3
-"""An HTTPS server on 127.0.0.1 that stands for every push service.
-
-Each request is appended to --out before it is answered, as lines "METHOD m",
-"PATH p", "HEADER name: value" (name in lower case), "FIELD key=value" (the
-JSON or form body flattened, e.g. "embeds.0.color", newlines as "\\n"), "END".
---script names a JSON file {"path prefix": [answer, ...]}, answered in turn,
-the last one repeating: {"status": 500}, {"status": 429, "retry_after": 1},
-{"hang": true} or {"status": 200, "body": {...}}. Other paths answer 200 {}."""
+"""An HTTPS server on 127.0.0.1 for every push service. Each request goes to --out as lines "METHOD m", "PATH p",
+"HEADER name: value" (lower-case name), "FIELD key=value" (JSON or form body flattened: "embeds.0.color"), "END".
+--script: {"path prefix": [answer, ...]} answered in turn, the last repeating; other paths answer 200 {}."""
 import argparse
 import json
 import os

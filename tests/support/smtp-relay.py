@@ -1,14 +1,7 @@
 #!/usr/bin/python3
-"""The SMTP relay of the tests: aiosmtpd on 127.0.0.1, on every --port (0, the
-default, picks a free one), STARTTLS, and AUTH PLAIN/LOGIN only after TLS.
-
-Message N goes to OUT/N.eml (as received) and then OUT/N.envelope (lines
-"PORT p", "FROM a", "OPTIONS o", one "TO a" each); every byte received,
-decrypted, is appended to OUT/wire. The ports go to READY once all listen.
-
-Variants: --implicit-tls (TLS from the first byte), --no-starttls (AUTH in
-plain text), --starttls-last (in mixed case, on the EHLO reply's last line),
---noise-after-starttls (plain text right after "220"), --exclude MECHANISM."""
+"""The tests' SMTP relay: aiosmtpd on 127.0.0.1 on every --port (0: a free one), STARTTLS, AUTH only after TLS.
+Message N goes to OUT/N.eml, then OUT/N.envelope ("PORT p", "FROM a", "OPTIONS o", "TO a"...); every byte
+received, decrypted, to OUT/wire; the ports to READY once all listen. --help lists the variants."""
 import argparse
 import itertools
 import os
@@ -30,11 +23,11 @@ parser.add_argument("--ready", required=True)
 parser.add_argument("--user", default="ali")
 parser.add_argument("--password", default="sesame")
 parser.add_argument("--port", type=int, action="append")
-parser.add_argument("--exclude", action="append", default=[])
-parser.add_argument("--implicit-tls", action="store_true")
-parser.add_argument("--no-starttls", action="store_true")
-parser.add_argument("--starttls-last", action="store_true")
-parser.add_argument("--noise-after-starttls", action="store_true")
+parser.add_argument("--exclude", action="append", default=[], help="an AUTH mechanism not to offer")
+parser.add_argument("--implicit-tls", action="store_true", help="TLS from the first byte")
+parser.add_argument("--no-starttls", action="store_true", help="AUTH in plain text")
+parser.add_argument("--starttls-last", action="store_true", help="in mixed case on the EHLO reply's last line")
+parser.add_argument("--noise-after-starttls", action="store_true", help="plain text right after 220")
 args = parser.parse_args()
 os.makedirs(args.out, exist_ok=True)
 counter = itertools.count(1)
