@@ -79,7 +79,7 @@ class Session:
                         "/CN=localhost", "-keyout", key, "-out", cert], capture_output=True, check=True)
         ready = os.path.join(self.root, "relay.ready")
         self.processes.append(subprocess.Popen(
-            ["/usr/bin/python3", os.path.join(SOURCE, "tests", "mail", "relay.py"), "--cert", cert, "--key", key,
+            ["/usr/bin/python3", os.path.join(SOURCE, "tests", "support", "smtp-relay.py"), "--cert", cert, "--key", key,
              "--out", self.mail, "--ready", ready, "--user", "editor", "--password", "secret", "--port", "0"],
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=self.env))
         assert wait_for(lambda: os.path.exists(ready) and open(ready).read().strip()), "the relay did not start"
