@@ -215,3 +215,30 @@ TEST_F(MVFSEventsTest, EveryFolderOfTheTreeIsWatchedAsItGrows) {
     }
   }
 }
+
+// A full watch table: the folders beyond it are polled, and the log names the
+// limit to raise. The limit is lowered in a user namespace of its own, where
+// it holds for that namespace alone, so the test runs itself again inside one.
+TEST_F(MVFSEventsTest, FullWatchTableIsLoggedAndTheRestPolled) {
+  const std::string self = "MVFSEventsTest.FullWatchTableIsLoggedAndTheRestPolled";
+  if (!std::getenv("QUILLON_WATCH_LIMIT_CHILD")) {
+    std::string output = shellOutput("QUILLON_WATCH_LIMIT_CHILD=1 unshare --user --map-root-user " +
+                                     fs::read_symlink("/proc/self/exe").string() + " --gtest_filter=" + self + " 2>&1");
+    if (output.find("[  PASSED  ] 1 test") == std::string::npos && output.find("[  FAILED  ]") == std::string::npos)
+      GTEST_SKIP() << "no user namespace with its own watch limit here:\n" << output;
+    EXPECT_NE(output.find("[  PASSED  ] 1 test"), std::string::npos) << output;
+    // The log cannot be opened in the namespace, so its lines come out here.
+    EXPECT_EQ(linesWith(output, "fs.inotify.max_user_watches", "polled instead"), 1u) << output;
+    return;
+  }
+  writeFile("/proc/sys/user/max_inotify_watches", "6");
+  if (readFile("/proc/sys/user/max_inotify_watches") != "6\n") GTEST_SKIP() << "limit not lowered";
+  const std::string root = makeTempDir("limit");
+  for (int i = 0; i < 20; ++i) fs::create_directories(root + "/folder" + std::to_string(i));
+  MVFSEvents::sharedController().startWatchingPaths({root});
+  writeFile(root + "/still-watched.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root)));
+  settle(1.0);
+  writeFile(root + "/folder19/polled.mov", "x");
+  EXPECT_TRUE(recorder.waitFor(slash(root + "/folder19"), 0, 7));
+}
