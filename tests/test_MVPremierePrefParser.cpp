@@ -122,11 +122,6 @@ TEST_F(PremierePrefParserTest, NewerVersionsKeepPreferencesInTheUserProfile) {
 
   // "6.0.0" is stored as "6.0".
   EXPECT_EQ(MVPremierePrefParser::recentScratchDisks(std::string("6.0.0"), true), Paths{folder});
-
-  // The Application Support file, when present, comes first.
-  std::string other = makeTempDir("projects");
-  writePrefs(prefsPath("6.0"), {writeProject(other, "q.prproj", project("", ""))});
-  EXPECT_EQ(MVPremierePrefParser::recentScratchDisks(std::string("6.0"), true), Paths{other});
 }
 
 TEST_F(PremierePrefParserTest, FolderSearchKeepsExistingFoldersWithExactlyThatName) {
