@@ -92,6 +92,8 @@ TEST_F(MVFCPPrefParserTest, KeysFoundInsideASliceAndAtTheEnd) {
   const std::string captureThenScratch = pascal("capture") + gap(1) + "Media:Captured" + gap(6) + pascal("scratch") + gap(16);
   const std::string nul2(2, '\0');
   struct Layout { const char* what; std::string tail, render, scratch; } layouts[] = {
+      {"key open at the end", gap(16), documents("Final Cut Pro Documents/Render Files"),
+       documents("Final Cut Pro Documents")},
       {"key across two slices", gap(16) + pascal("capture") + gap(16), "/Volumes/Media/Renders/Proj/Render Files",
        documents("Final Cut Pro Documents")},
       // The pending render run is completed for capture, whose folder the others follow.

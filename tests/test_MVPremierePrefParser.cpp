@@ -166,7 +166,6 @@ TEST_F(PremierePrefParserTest, VersionsComeFromBundlesOrInstallerConfiguration) 
   EXPECT_EQ(MVPremiere::versionsForAppName("Adobe Premiere ", apps), (Paths{"8.0", "6.0.0", "13.0.1"}));
   // Suites go by major.minor and find bundles by the product's pattern (case counts there).
   EXPECT_EQ(MVPremiere::suiteVersionsInFolder(apps), (Paths{"8.0", "5.5", "6.0"}));
-  EXPECT_TRUE(MVPremiere::premiereVersions().empty());
 
   // The installed application's folder is searched; each version without preferences adds its default.
   struct Workspace : MVWorkspace::Backend {

@@ -47,7 +47,6 @@ TEST(MVXMLParserTest, QueryAnswersNothingForNoMatchOrABadQuery) {
 
 TEST(MVXMLParserTest, FileURLsBecomePaths) {
   const std::pair<std::optional<std::string>, std::optional<std::string>> cases[] = {
-      {std::nullopt, std::nullopt},
       {"file:///Users/ann/Movies/a%20b.mov", "/Users/ann/Movies/a b.mov"},
       {"http://host/a/b?q=1#frag", "/a/b"},
       {"file:///bad%ZZ", std::nullopt},
