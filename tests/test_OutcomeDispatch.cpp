@@ -108,8 +108,6 @@ TEST_F(OutcomeDispatch, EachKindOfRenderRunsTheChosenActionsInOrder) {
       {"Compressor", render({{"type", "qmaster"}, {"batchid", "B-1"}, {"name", "Night%20Batch%C3%A9"}}),
        {"notify:Render Complete|Batch: Night Batch\xc3\xa9|" + icon("Compressor4.icns"), "sound:Glass",
         "open:" + script}},
-      {"failed watch folder movie", watchRender("bad.mov"),
-       {"notify:Render Failed|File: bad.mov|icon-of:" + d, "sound:Sosumi"}, true},
       // The project name is not used on failure: always the file's name.
       {"failed Avid", render({{"type", "avidRender"}, {"fullPath", file("a.mxf")}, {"projectName", "Reel"}}),
        {"notify:Render Failed|File: a.mxf|" + icon("Avid.icns"), "sound:Sosumi"}, true},
@@ -140,7 +138,6 @@ TEST_F(OutcomeDispatch, SwitchesAreOnOnlyAtOneAndTheTwoSignalsAreOnWhenMissing) 
   // The last column: the desktop-wide switch that silences notifications.
   struct Case { const char* label; Settings settings; bool notify, sound, reveal, script; MVPlistValue growlOff; };
   const Case cases[] = {
-      {"empty settings", {}, true, true, false, false, {}},
       {"signals off", {{"notifyGrowl", 0}, {"notifySound", 0}}, false, false, false, false, {}},
       {"value 2 is not on", {{"notifyGrowl", 2}, {"notifySound", 2}, {"notifyFinder", 2}}, false, false, false, false, {}},
       {"string one is on", {{"notifyGrowl", "1"}, {"notifySound", true}, {"notifyFinder", "1"}}, true, true, true, false, {}},
