@@ -76,8 +76,6 @@ TEST_F(MVTaskExTest, OutputWinsOverErrorTextWhichWinsOverNothing) {
   auto data = MVTaskEx::dataFromTask("/bin/sh", {"-c", "printf \"$GREETING-$HOME\""}, nullptr,
                                      MVTaskEx::Environment{{"GREETING", "hi"}}, true, true);
   EXPECT_EQ(text(data), "hi-");
-  // Input is a pipe nobody writes to.
-  EXPECT_EQ(MVTaskEx::stringFromTask("/bin/cat"), "");
 }
 
 TEST_F(MVTaskExTest, ChattyProgramsCannotStallTheReader) {
@@ -109,7 +107,6 @@ TEST_F(MVTaskExTest, RefusesWhatIsNotAnExecutableFile) {
 }
 
 TEST_F(MVTaskExTest, ExitStatusAndFailedStart) {
-  EXPECT_TRUE(MVTaskEx::runTask("/bin/true"));
   EXPECT_FALSE(MVTaskEx::runTask("/bin/false"));
   EXPECT_EQ(MVTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "exit 3"}), 3);
   EXPECT_EQ(MVTaskEx::terminationCodeFromTask("/bin/sh", {"-c", "kill -9 $$"}), 9);
