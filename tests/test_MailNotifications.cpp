@@ -1,7 +1,6 @@
 // The e-mail and text message of an ended render, from the controller to a real relay, the password in
 // gnome-keyring; own network (text messages take port 25) and host-name (the computer name quoted) namespaces.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -64,8 +63,7 @@ class MailNotifications : public ::testing::Test {
   static void SetUpTestSuite() {
     MVLog::createNewLog("test_MailNotifications", true);
     auto fail = [](const std::string& why) { setupError_ = why; };
-    if (unshare(CLONE_NEWNET | CLONE_NEWUTS) != 0 || shell("ip link set lo up") != 0)
-      return fail("no private network and host-name namespaces");
+    if (std::string why = enterPrivateNetwork(true); !why.empty()) return fail("no private network: " + why);
     bus_ = std::make_unique<PrivateSessionBus>();
     if (!bus_->isRunning() || !bus_->startKeyring()) return fail("no gnome-keyring on a private bus: " + bus_->error());
     // The stale sender's item holds a password the relay refuses.

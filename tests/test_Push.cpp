@@ -1,7 +1,6 @@
 // Push notifications through libcurl to a real HTTPS server standing for every service, in a private network
 // namespace; the targets' secrets in a real gnome-keyring.
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include <memory>
 
@@ -33,8 +32,7 @@ class Push : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     MVLog::createNewLog("test_Push", true);
-    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
-    ASSERT_EQ(shell("ip link set lo up"), 0);
+    ASSERT_EQ(enterPrivateNetwork(), "");
     certDir_ = makeTempDir("cert");
     ASSERT_TRUE(makeCertificate(certDir_));
     setenv("SSL_CERT_FILE", (certDir_ + "/cert.pem").c_str(), 1);

@@ -1,7 +1,6 @@
 // The whole road of a push: targets added with quillon-prefs, the built agent watching a folder, a movie
 // rendered into it, one request per target at the test's HTTPS server, in a private network namespace.
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include "AgentProcess.h"
 #include "PushServer.h"
@@ -13,8 +12,7 @@ namespace {
 TEST(PushEndToEnd, RenderInAWatchFolderPushesOncePerTarget) {
   ASSERT_TRUE(fileExists(binPath("quillon-helper")) && fileExists(binPath("quillon-prefs")))
       << "build quillon-helper and quillon-prefs first";
-  ASSERT_EQ(unshare(CLONE_NEWNET), 0);
-  ASSERT_EQ(shell("ip link set lo up"), 0);
+  ASSERT_EQ(enterPrivateNetwork(), "");
   const std::string certDir = makeTempDir("cert");
   ASSERT_TRUE(makeCertificate(certDir));
   EnvOverride bundle("CURL_CA_BUNDLE", certDir + "/cert.pem"), store("SSL_CERT_FILE", certDir + "/cert.pem");

@@ -1,7 +1,6 @@
 // The SMTP session against a real relay: certificate checks and the promise of "use TLS", encryption or no
 // send. A network namespace of its own lets a relay listen on port 465.
 #include <gtest/gtest.h>
-#include <sched.h>
 
 #include "MVLog.h"
 #include "SMTPRelay.h"
@@ -14,8 +13,7 @@ class SKPSMTPMessageRelay : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
     MVLog::createNewLog("test_SKPSMTPMessageRelay", true);
-    ASSERT_EQ(unshare(CLONE_NEWNET), 0);
-    ASSERT_EQ(shell("ip link set lo up"), 0);
+    ASSERT_EQ(enterPrivateNetwork(), "");
   }
 
   // Sends as "ali" with "sesame", TLS wanted; returns what went to the console.

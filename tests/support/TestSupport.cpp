@@ -6,7 +6,11 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <sched.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 
 #include "MVLog.h"
 #include "MVRunLoop.h"
@@ -129,5 +133,11 @@ std::string wholeLog() {
 
 LogSince::LogSince() : offset_(wholeLog().size()) {}
 std::string LogSince::text() const { return wholeLog().substr(offset_); }
+
+std::string enterPrivateNetwork(bool ownHostName) {
+  if (unshare(CLONE_NEWNET | (ownHostName ? CLONE_NEWUTS : 0)) != 0) return std::string("unshare: ") + std::strerror(errno);
+  if (shell("ip link set lo up") != 0) return "ip link set lo up failed";
+  return {};
+}
 
 }  // namespace quillon_test

@@ -30,6 +30,11 @@ std::string shellQuote(const std::string& text);
 // Runs a Python script with Debian's modules (plistlib, dbusmock...); its exit status.
 int python3(const std::string& script);
 
+// Moves this process into network (and, asked, host-name) namespaces of its
+// own with only the loopback up, so nothing a test starts reaches a real
+// network; "" or why it failed.
+std::string enterPrivateNetwork(bool ownHostName = false);
+
 // The path of a built program in build/bin.
 std::string binPath(const std::string& name);
 
